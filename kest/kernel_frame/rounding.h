@@ -1,0 +1,40 @@
+#ifndef KEST_KERNEL_FRAME_ROUNDING_H_
+#define KEST_KERNEL_FRAME_ROUNDING_H_
+
+#include <kest/kernel_frame/isa.h>
+
+#include <cstdint>
+#include <limits>
+
+namespace util {
+
+/// Nearest integer, halves away from zero. Same bits as std::round for every value but a signalling NaN, which comes
+/// back quiet. Unlike std::round it vectorises.
+KEST_INLINE float RoundHalfAway(float x) {
+    return __builtin_truncf(x + __builtin_copysignf(0.49999997f, x));  // the largest float below one half
+}
+KEST_INLINE double RoundHalfAway(double x) {
+    return __builtin_trunc(x + __builtin_copysign(0.49999999999999994, x));
+}
+
+/// Truncates toward zero; what Int cannot hold becomes its nearest limit, NaN becomes 0.
+template <typename Int, typename T>
+KEST_INLINE Int SaturateTo(T x) {
+    // Both bounds as T: the lower one is exact, the upper one is exact or rounds to the first value too large.
+    constexpr T kLow = static_cast<T>(std::numeric_limits<Int>::min());
+    constexpr T kHigh = static_cast<T>(std::numeric_limits<Int>::max());
+    if (x >= kHigh) return std::numeric_limits<Int>::max();
+    if (x <= kLow) return std::numeric_limits<Int>::min();
+    return x == x ? static_cast<Int>(x) : 0;
+}
+
+/// 2 to the power of `exponent` in double precision; infinity above 1023, 0 below -1074. An unsigned `numBits - 1` that
+/// wrapped around is such a case.
+KEST_INLINE double PowerOfTwo(int64_t exponent) {
+    if (exponent > 1023) return std::numeric_limits<double>::infinity();
+    return exponent < -1074 ? 0.0 : __builtin_ldexp(1.0, static_cast<int>(exponent));
+}
+
+}  // namespace util
+
+#endif  // KEST_KERNEL_FRAME_ROUNDING_H_

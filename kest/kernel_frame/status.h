@@ -1,0 +1,24 @@
+#ifndef KEST_KERNEL_FRAME_STATUS_H_
+#define KEST_KERNEL_FRAME_STATUS_H_
+
+// Every operation that can fail returns one of these as a signed 32-bit int; 0 is success. Callers test for
+// non-zero and pass the code upward unchanged. docs/statuses.md tells when each one is returned.
+
+constexpr int STATUS_OK = 0;
+
+// Kernels: negative, the upper 16 bits all ones.
+constexpr int STATUS_GENERIC_ERROR = -65536;  // 0xFFFF0000: a calibration step cannot produce a result
+constexpr int STATUS_BAD_PARAM = -65530;      // 0xFFFF0006: invalid arguments
+constexpr int STATUS_FILE_ERROR = -65529;     // 0xFFFF0007: invalid path, open, stat or close failure, empty file
+constexpr int STATUS_RUNTIME_ERROR =
+    -65528;                                 // 0xFFFF0008: allocation, read, write or reposition failure, key not found
+constexpr int STATUS_SCALE_ERROR = -65519;  // 0xFFFF0011: an illegal scale
+
+// Record files and value checks: small and positive.
+constexpr int DEQ_SCALE_ERROR = 2;        // a dequantisation scale that is zero, subnormal or infinite
+constexpr int RECORD_PATH_ERROR = 5;      // the record file's path cannot be resolved
+constexpr int RECORD_OPEN_ERROR = 6;      // the record file cannot be opened, read or written
+constexpr int RECORD_DATA_ERROR = 13;     // null, missing or mistyped data in the value tree, or a failed allocation
+constexpr int RECORD_UNKNOWN_FIELD = 14;  // a field name that the schema does not know
+
+#endif  // KEST_KERNEL_FRAME_STATUS_H_

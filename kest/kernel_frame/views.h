@@ -1,0 +1,48 @@
+#ifndef KEST_KERNEL_FRAME_VIEWS_H_
+#define KEST_KERNEL_FRAME_VIEWS_H_
+
+#include <kest/kernel_frame/export.h>
+
+// The arrays of a call. All of them are borrowed for the call: nothing here allocates, copies or frees. The order of
+// the fields is part of the binary interface.
+
+namespace util {
+
+/// `length` single-precision scales. Scales are float whatever the element type of the data.
+struct KEST_EXPORT FloatData {
+    unsigned int length;
+    float* data;
+};
+
+/// `length` offsets, in codes.
+struct KEST_EXPORT IntData {
+    unsigned int length;
+    int* data;
+};
+
+/// Device tag of every functor template: the work runs on the host.
+struct KEST_EXPORT ThreadPoolDevice {};
+
+}  // namespace util
+
+namespace KestCommon {
+
+/// A weight tensor of `length` elements with `channelNum` per-channel scales.
+template <typename T>
+struct Input {
+    T* data;
+    int length;
+    int channelNum;
+};
+
+/// Where a weight kernel puts its results.
+template <typename T>
+struct Output {
+    T* data;       // fake-quantised weights, as many as the input has
+    float* scale;  // channelNum scales
+    int* offset;   // channelNum offsets
+};
+
+}  // namespace KestCommon
+
+#endif  // KEST_KERNEL_FRAME_VIEWS_H_
