@@ -1,0 +1,353 @@
+#include <kest/weight_quant/arq.h>
+
+#include <kest/kernel_frame/extremes.h>
+#include <kest/kernel_frame/fake_quant.h>
+#include <kest/kernel_frame/grid.h>
+#include <kest/kernel_frame/isa.h>
+#include <kest/kernel_frame/log.h>
+#include <kest/kernel_frame/rounding.h>
+#include <kest/kernel_frame/scale.h>
+#include <kest/weight_quant/arq_loops.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstddef>
+
+namespace KestCommon {
+namespace {
+
+constexpr unsigned int kMaxNumBits = 31;   // the widest grid whose bounds fit 32-bit integers
+constexpr std::size_t kMaxColumns = 1024;  // columns worked on at once; their state stays in the first-level cache
+
+template <typename T>
+int CheckArqParams(const T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
+                   const util::IntData& offset) {
+    if (data == nullptr) {
+        LOG_ERROR("Empty pointer\n");
+        return STATUS_BAD_PARAM;
+    }
+    if (length == 0) {
+        LOG_ERROR("input data length = 0.\n");
+        return STATUS_BAD_PARAM;
+    }
+    if (util::HasNan(data, length)) {
+        LOG_ERROR("Exist NaN in input data, cannot do ARQ quantize.\n");
+        return STATUS_BAD_PARAM;
+    }
+    if (scale.length != offset.length) {
+        LOG_ERROR("scale.length = %u, offset.length = %u\n", scale.length, offset.length);
+        return STATUS_BAD_PARAM;
+    }
+    if (scale.length > 1 && !arqParam.channelWise) {
+        LOG_ERROR("arqParam.channelWise = %u, scale.length = %u\n", unsigned{arqParam.channelWise}, scale.length);
+        return STATUS_BAD_PARAM;
+    }
+    if (scale.length == 0) {
+        LOG_ERROR("scale.length = %u should not be 0.\n", scale.length);
+        return STATUS_BAD_PARAM;
+    }
+    if (length % scale.length != 0) {
+        LOG_ERROR("input data length = %u, scale.length = %u\n", length, scale.length);
+        return STATUS_BAD_PARAM;
+    }
+    if (arqParam.numBits < 2) {
+        LOG_ERROR("arqParam.numBits = %u, it should be greater than 2.\n", arqParam.numBits);
+        return STATUS_BAD_PARAM;
+    }
+    if (arqParam.numBits > kMaxNumBits) {
+        LOG_ERROR("arqParam.numBits = %u, it should not be greater than %u.\n", arqParam.numBits, kMaxNumBits);
+        return STATUS_BAD_PARAM;
+    }
+    return STATUS_OK;
+}
+
+/// P = 2^(numBits - 1) and the number of codes on either side of zero as floats.
+struct GridEnds {
+    explicit GridEnds(unsigned int numBits)
+        : half(util::PowerOfTwo(int64_t{numBits - 1})),
+          negative(static_cast<float>(half)),
+          positive(static_cast<float>(half - 1.0)) {}
+
+    double half;
+    float negative;
+    float positive;
+};
+
+template <typename T>
+float SymmetricScale(util::Extremes<T> found, const GridEnds& ends) {
+    const float extreme = static_cast<float>(std::fabs(found.max) > std::fabs(found.min) ? found.max : found.min);
+    return extreme > 0 ? extreme / ends.positive : extreme / -ends.negative;
+}
+
+/// The extremes of the range that an asymmetric grid covers: zero is inside.
+template <typename T>
+util::Extremes<T> WidenToZero(util::Extremes<T> found) {
+    return {found.min > 0 ? T{0} : found.min, found.max >= 0 ? found.max : T{0}};
+}
+
+template <typename T>
+float AsymmetricScale(util::Extremes<T> range, const GridEnds& ends) {
+    return static_cast<float>((range.max - range.min) / static_cast<T>(ends.negative + ends.positive));
+}
+
+template <typename T>
+int AsymmetricOffset(util::Extremes<T> range, float scale, const GridEnds& ends) {
+    return util::SaturateTo<int>(double{util::RoundHalfAway(-range.min / static_cast<T>(scale))} - ends.half);
+}
+
+/// Turns the extremes of channel c into its scale and offset.
+template <typename T>
+int SetChannelFactors(util::Extremes<T> found, bool withOffset, const GridEnds& ends, float& scale, int& offset) {
+    const util::Extremes<T> range = WidenToZero(found);
+    scale = withOffset ? AsymmetricScale(range, ends) : SymmetricScale(found, ends);
+    const int status = util::ProcessScale(scale);
+    if (status != STATUS_OK) return status;
+    offset = withOffset ? AsymmetricOffset(range, scale, ends) : 0;
+    return STATUS_OK;
+}
+
+/// Calls use(c, extremes of channel c) for every channel in order until it returns a failure.
+template <typename T, typename Use>
+int ForEachContiguousChannel(const T* data, std::size_t length, std::size_t numChannels, Use use) {
+    const std::size_t channelLength = numChannels > 0 ? length / numChannels : 0;
+    for (std::size_t c = 0; c < numChannels; ++c) {
+        const int status = use(c, util::FindExtremes(data + c * channelLength, channelLength));
+        if (status != STATUS_OK) return status;
+    }
+    return STATUS_OK;
+}
+
+/// The same for a tensor whose channel is innermost: one pass over the data with the extremes of all columns (of up
+/// to kMaxColumns at once). Few channels are repeated side by side so that a row is long enough to be worth a loop.
+template <typename T, typename Use>
+int ForEachInnermostChannel(const T* data, std::size_t length, std::size_t numChannels, Use use) {
+    T min[kMaxColumns];
+    T max[kMaxColumns];
+    if (numChannels == 0) return STATUS_OK;
+    const std::size_t repeats = std::max<std::size_t>(1, kMaxColumns / 2 / numChannels);
+    const std::size_t stride = numChannels * repeats;
+    const std::size_t numRows = length / stride;
+    const std::size_t tailLength = length % stride;
+    for (std::size_t first = 0; first < stride; first += kMaxColumns) {
+        const std::size_t width = std::min(kMaxColumns, stride - first);
+        const std::size_t tail = std::min(width, tailLength - std::min(first, tailLength));
+        std::fill_n(min, width, static_cast<T>(FLT_MAX));
+        std::fill_n(max, width, static_cast<T>(-FLT_MAX));
+        util::DispatchIsa([&](auto isa) {
+            using Loops = ArqLoops<decltype(isa), T>;
+            Loops::FindColumnExtremes(data + first, numRows, stride, width, min, max);
+            Loops::FindColumnExtremes(data + numRows * stride + first, 1, stride, tail, min, max);
+        });
+        const std::size_t channels = width / repeats;
+        for (std::size_t c = 0; c < channels; ++c) {
+            util::Extremes<T> found{min[c], max[c]};
+            for (std::size_t column = c + channels; column < width; column += channels) {
+                if (min[column] < found.min) found.min = min[column];
+                if (max[column] > found.max) found.max = max[column];
+            }
+            const int status = use(first + c, found);
+            if (status != STATUS_OK) return status;
+        }
+    }
+    return STATUS_OK;
+}
+
+/// Fake-quantises a CO_CI_KH_KW tensor with the factors that were calibrated from it.
+template <typename T>
+void ArqFakeQuantInPlace(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
+                         const util::IntData& offset) {
+    const util::Grid grid = util::SignedGrid(arqParam.numBits);
+    const std::size_t channelLength = length / scale.length;
+    for (std::size_t c = 0; c < scale.length; ++c)
+        util::FakeQuant(data + c * channelLength, channelLength, scale.data[c], offset.data[c], grid);
+}
+
+}  // namespace
+
+int CheckArqQuantParams(const float* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
+                        const util::IntData& offset) {
+    return CheckArqParams(data, length, arqParam, scale, offset);
+}
+
+int CheckArqQuantParams(const double* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
+                        const util::IntData& offset) {
+    return CheckArqParams(data, length, arqParam, scale, offset);
+}
+
+template <typename T>
+int WtsArqCalibrationCpuKernel(const T* data, unsigned int length, const ArqParam& arqParam,
+                               const util::FloatData& scale, const util::IntData& offset, util::WeightFormat format) {
+    const GridEnds ends(arqParam.numBits);
+    const auto setFactors = [&](std::size_t c, util::Extremes<T> found) {
+        return SetChannelFactors(found, arqParam.withOffset, ends, scale.data[c], offset.data[c]);
+    };
+    const int status = format == util::CO_CI_KH_KW ? ForEachContiguousChannel(data, length, scale.length, setFactors)
+                                                   : ForEachInnermostChannel(data, length, scale.length, setFactors);
+    if (status != STATUS_OK) LOG_ERROR("ArqQuantCPU scale is illegal.\n");
+    return status;
+}
+
+template <typename T>
+int ArqQuant(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
+             const util::IntData& offset) {
+    int status = CheckArqQuantParams(data, length, arqParam, scale, offset);
+    if (status != STATUS_OK) {
+        LOG_ERROR("CheckArqQuantParams failed.\n");
+        return status;
+    }
+    status = WtsArqCalibrationCpuKernel(data, length, arqParam, scale, offset, util::CO_CI_KH_KW);
+    if (status != STATUS_OK) {
+        LOG_ERROR("WtsArqCalibrationCpuKernel of format CO_CI_KH_KW failed.\n");
+        return status;
+    }
+    ArqFakeQuantInPlace(data, length, arqParam, scale, offset);
+    return STATUS_OK;
+}
+
+template <typename T>
+int ArqQuantRealKernel(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
+                       const util::IntData& offset, char* out) {
+    int status = CheckArqQuantParams(data, length, arqParam, scale, offset);
+    if (status != STATUS_OK) {
+        LOG_ERROR("CheckArqQuantParams failed.\n");
+        return status;
+    }
+    const util::Grid grid = util::SignedGrid(arqParam.numBits);
+    const std::size_t channelLength = length / scale.length;
+    for (std::size_t c = 0; c < scale.length; ++c) {
+        float channelScale = scale.data[c];
+        status = util::ProcessScale(channelScale);
+        if (status != STATUS_OK) {
+            LOG_ERROR("ArqQuantRealCPU scale is illegal.\n");
+            return status;
+        }
+        const std::size_t first = c * channelLength;
+        util::DispatchIsa([&](auto isa) {
+            ArqLoops<decltype(isa), T>::Quant(data + first, out + first, channelLength, channelScale, offset.data[c],
+                                              grid);
+        });
+    }
+    return STATUS_OK;
+}
+
+template <typename T>
+int ArqQuantReal(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
+                 const util::IntData& offset, char* out) {
+    return ArqQuantRealKernel(data, length, arqParam, scale, offset, out);
+}
+
+template <typename T>
+void ArqClipAndQuantKhKwCiCo(const T* in, T* out, unsigned int length, int numBits, const util::FloatData& scale,
+                             const util::IntData& offset) {
+    if (scale.length == 0) return;
+    const util::Grid grid = util::SignedGrid(numBits);
+    // The factors of a run of elements, laid out as the elements are: whole periods of the channels, or part of one.
+    float columnScale[kMaxColumns];
+    int columnOffset[kMaxColumns];
+    const std::size_t stride = scale.length * std::max<std::size_t>(1, kMaxColumns / scale.length);
+    for (std::size_t first = 0; first < stride; first += kMaxColumns) {
+        const std::size_t width = std::min(kMaxColumns, stride - first);
+        for (std::size_t i = 0; i < width; ++i) {
+            const std::size_t c = (first + i) % scale.length;
+            columnScale[i] = scale.data[c];
+            columnOffset[i] = offset.data[c];
+        }
+        util::DispatchIsa([&](auto isa) {
+            for (std::size_t i = first; i < length; i += stride) {
+                const std::size_t count = std::min<std::size_t>(width, length - i);
+                ArqLoops<decltype(isa), T>::FakeQuantColumns(in + i, out + i, count, columnScale, columnOffset, grid);
+            }
+        });
+    }
+}
+
+#define INSTANTIATE(T)                                                                                              \
+    template KEST_EXPORT int WtsArqCalibrationCpuKernel(                                                            \
+        const T*, unsigned int, const ArqParam&, const util::FloatData&, const util::IntData&, util::WeightFormat); \
+    template KEST_EXPORT int ArqQuant(T*, unsigned int, const ArqParam&, const util::FloatData&,                    \
+                                      const util::IntData&);                                                        \
+    template KEST_EXPORT int ArqQuantRealKernel(T*, unsigned int, const ArqParam&, const util::FloatData&,          \
+                                                const util::IntData&, char*);                                       \
+    template KEST_EXPORT int ArqQuantReal(T*, unsigned int, const ArqParam&, const util::FloatData&,                \
+                                          const util::IntData&, char*);                                             \
+    template KEST_EXPORT void ArqClipAndQuantKhKwCiCo(const T*, T*, unsigned int, int, const util::FloatData&,      \
+                                                      const util::IntData&)
+INSTANTIATE(float);
+INSTANTIATE(double);
+#undef INSTANTIATE
+
+}  // namespace KestCommon
+
+namespace KestTfOp {
+
+using KestCommon::ArqParam;
+
+int ArqQuantFunctor<util::ThreadPoolDevice, float>::operator()(KestCommon::Input<float> input,
+                                                               KestCommon::Output<float> output, int numBits) const {
+    const ArqParam arqParam{static_cast<unsigned int>(numBits), true, false};
+    const util::FloatData scale{static_cast<unsigned int>(input.channelNum), output.scale};
+    const util::IntData offset{static_cast<unsigned int>(input.channelNum), output.offset};
+    const int status = KestCommon::WtsArqCalibrationCpuKernel<float>(input.data, input.length, arqParam, scale, offset,
+                                                                     util::KH_KW_CI_CO);
+    if (status == STATUS_OK) {
+        KestCommon::ArqClipAndQuantKhKwCiCo<float>(input.data, output.data, input.length, numBits, scale, offset);
+    }
+    return status;
+}
+
+int FindMaxMin<util::ThreadPoolDevice, float>::operator()(int length, const float* data, WeightQuantParam param) const {
+    const ArqParam arqParam{static_cast<unsigned int>(param.numBits), true, false};
+    const util::FloatData scale{static_cast<unsigned int>(param.channelNum), param.scale};
+    const util::IntData offset{static_cast<unsigned int>(param.channelNum), param.offset};
+    const int status = KestCommon::WtsArqCalibrationCpuKernel(data, length, arqParam, scale, offset, util::KH_KW_CI_CO);
+    if (status != STATUS_OK) return status;
+    std::copy_n(param.scale, param.channelNum, param.scaleStore);
+    std::copy_n(param.offset, param.channelNum, param.offsetStore);
+    return STATUS_OK;
+}
+
+int IdentityScaleOffset<util::ThreadPoolDevice, float>::operator()(WeightQuantParam param) const {
+    std::copy_n(param.scaleStore, param.channelNum, param.scale);
+    std::copy_n(param.offsetStore, param.channelNum, param.offset);
+    return STATUS_OK;
+}
+
+}  // namespace KestTfOp
+
+int ArqQuantFloatPython(float* data, unsigned int length, KestCommon::ArqParam arqParam, util::FloatData scale,
+                        util::IntData offset) {
+    int status = KestCommon::CheckArqQuantParams(data, length, arqParam, scale, offset);
+    if (status != STATUS_OK) {
+        LOG_ERROR("CheckArqQuantParams failed.\n");
+        return status;
+    }
+    status = KestCommon::WtsArqCalibrationCpuKernel(data, length, arqParam, scale, offset, util::CO_CI_KH_KW);
+    if (status != STATUS_OK) {
+        LOG_ERROR("WtsArqCalibrationCpuKernel float of format CO_CI_KH_KW failed.\n");
+        return status;
+    }
+    KestCommon::ArqFakeQuantInPlace(data, length, arqParam, scale, offset);
+    return STATUS_OK;
+}
+
+int ArqQuantDoublePython(double* data, unsigned int length, KestCommon::ArqParam arqParam, util::FloatData scale,
+                         util::IntData offset) {
+    int status = KestCommon::CheckArqQuantParams(data, length, arqParam, scale, offset);
+    if (status != STATUS_OK) {
+        LOG_ERROR("CheckArqQuantParams failed.\n");
+        return status;
+    }
+    status = KestCommon::WtsArqCalibrationCpuKernel(data, length, arqParam, scale, offset, util::CO_CI_KH_KW);
+    if (status != STATUS_OK) {
+        LOG_ERROR("WtsArqCalibrationCpuKernel double of format CO_CI_KH_KW failed.\n");
+        return status;
+    }
+    KestCommon::ArqFakeQuantInPlace(data, length, arqParam, scale, offset);
+    return STATUS_OK;
+}
+
+int QuantRealDoublePython(double* data, unsigned int length, util::FloatData scale, util::IntData offset,
+                          unsigned int numBits, char* out) {
+    return KestCommon::ArqQuantRealKernel(data, length, {numBits, scale.length > 1, false}, scale, offset, out);
+}

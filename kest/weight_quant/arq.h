@@ -1,0 +1,151 @@
+#ifndef KEST_WEIGHT_QUANT_ARQ_H_
+#define KEST_WEIGHT_QUANT_ARQ_H_
+
+#include <kest/kernel_frame/export.h>
+#include <kest/kernel_frame/status.h>
+#include <kest/kernel_frame/views.h>
+
+// ARQ: uniform min/max quantisation of weights, one scale and one offset per output channel.
+//
+//   x ~ scale * (code - offset),  code = clamp(round(x / scale) + offset, low, high)
+//
+// where [low, high] is the signed grid of numBits bits ([-128, 127] for 8) and halves round away from zero.
+// Symmetric: the larger extreme of a channel lands on the end of the grid, offset 0. Asymmetric: the range from
+// min(0, minimum) to max(0, maximum) covers the grid, and zero is a code. This is the affine scheme of Jacob et al.,
+// "Quantization and Training of Neural Networks for Efficient Integer-Arithmetic-Only Inference" (2018).
+//
+// Everything here runs on the caller's thread and allocates nothing; calls on different arrays may run at once.
+// Templates exist for T = float and double. K is scale.length, the number of channels.
+
+namespace util {
+
+/// Where the output channel of a weight tensor of L elements and K channels lies; any value but 0 means KH_KW_CI_CO.
+/// (The names spell the axes: output and input channels, kernel height and width.)
+enum WeightFormat {
+    CO_CI_KH_KW = 0,  // channel c owns the elements [c * L/K, (c + 1) * L/K)
+    KH_KW_CI_CO = 1   // element i belongs to channel i mod K
+};
+
+}  // namespace util
+
+namespace KestCommon {
+
+struct KEST_EXPORT ArqParam {
+    unsigned int numBits;  // width of the grid, 2 to 31
+    bool channelWise;      // one scale per channel; false demands exactly one scale
+    bool withOffset;       // asymmetric, with an offset per channel
+};
+
+/// Checks the arguments of a quantisation; writes nothing. In this order, each STATUS_BAD_PARAM with one log line:
+/// `data` null; `length` 0; a NaN in the data (infinities pass); scale.length != offset.length; several scales
+/// although channelWise is false; no scale; K does not divide `length`; numBits below 2; numBits above 31.
+KEST_EXPORT int CheckArqQuantParams(const float* data, unsigned int length, const ArqParam& arqParam,
+                                    const util::FloatData& scale, const util::IntData& offset);
+KEST_EXPORT int CheckArqQuantParams(const double* data, unsigned int length, const ArqParam& arqParam,
+                                    const util::FloatData& scale, const util::IntData& offset);
+
+/// Finds the K scales and offsets of `data` (`length` elements, laid out as `format` says).
+///
+/// Validates nothing: `data` must not be null, offset must be as long as scale, numBits 2 or more. NaN elements are
+/// passed over. STATUS_SCALE_ERROR for the first channel whose scale is infinite or above 2^23 (an infinite element,
+/// an extreme beyond 2^23 grid ends; in KH_KW_CI_CO and symmetric also a channel without any element): the factors of
+/// the channels before it stay written, its own scale slot holds the rejected value. A scale below 2^-23 becomes 1.
+/// An offset beyond 32 bits (numBits above 32) saturates.
+template <typename T>
+KEST_EXPORT int WtsArqCalibrationCpuKernel(const T* data, unsigned int length, const ArqParam& arqParam,
+                                           const util::FloatData& scale, const util::IntData& offset,
+                                           util::WeightFormat format);
+
+/// Calibrates `data` (CO_CI_KH_KW, `length` elements) and fake-quantises it in place: every weight becomes
+/// scale * (code - offset), computed in single precision for double data too.
+///
+/// STATUS_BAD_PARAM from CheckArqQuantParams: nothing written. STATUS_SCALE_ERROR from the calibration: `data`
+/// untouched, factors written as WtsArqCalibrationCpuKernel tells.
+template <typename T>
+KEST_EXPORT int ArqQuant(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
+                         const util::IntData& offset);
+
+/// Quantises `data` (CO_CI_KH_KW, only read) with the given factors to `length` codes in `out`, one signed byte each:
+/// the low 8 bits of the code, so exact for numBits up to 8.
+///
+/// A scale below 2^-23 counts as 1; the scale array is not changed. A NaN scale gives codes 0. STATUS_BAD_PARAM from
+/// CheckArqQuantParams: nothing written. STATUS_SCALE_ERROR for an infinite scale or one above 2^23: the codes of the
+/// channels before it stay written.
+template <typename T>
+KEST_EXPORT int ArqQuantRealKernel(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
+                                   const util::IntData& offset, char* out);
+
+/// ArqQuantRealKernel under its older name.
+template <typename T>
+KEST_EXPORT int ArqQuantReal(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
+                             const util::IntData& offset, char* out);
+
+/// Fake-quantises `in` (KH_KW_CI_CO, `length` elements) with the given factors into `out`; `in` and `out` may be the
+/// same array. The scales are used as they are. A quotient that is NaN (NaN data, 0 / 0) gets code 0, one that is
+/// infinite the end of the grid. Widths above 31 saturate to the 32-bit grid. Nothing happens for `length` 0 or
+/// without a scale.
+template <typename T>
+KEST_EXPORT void ArqClipAndQuantKhKwCiCo(const T* in, T* out, unsigned int length, int numBits,
+                                         const util::FloatData& scale, const util::IntData& offset);
+
+}  // namespace KestCommon
+
+namespace KestTfOp {
+
+/// The factors of a weight tensor and a stored copy of them, K = channelNum entries each, all owned by the caller.
+struct KEST_EXPORT WeightQuantParam {
+    float* scale;
+    int* offset;
+    float* scaleStore;
+    int* offsetStore;
+    int channelNum;
+    int numBits;
+};
+
+template <typename Device, typename T>
+struct KEST_EXPORT ArqQuantFunctor;
+template <typename Device, typename T>
+struct KEST_EXPORT FindMaxMin;
+template <typename Device, typename T>
+struct KEST_EXPORT IdentityScaleOffset;
+
+/// Calibrates symmetrically, per channel, and fake-quantises input.data (KH_KW_CI_CO) into output.data; output.scale
+/// and output.offset receive the factors. Trusts its arguments, as WtsArqCalibrationCpuKernel does, and returns its
+/// status; on a failure output.data is untouched.
+template <>
+struct KEST_EXPORT ArqQuantFunctor<util::ThreadPoolDevice, float> {
+    int operator()(KestCommon::Input<float> input, KestCommon::Output<float> output, int numBits) const;
+};
+
+/// Calibrates symmetrically, per channel (KH_KW_CI_CO), into param.scale and param.offset, then copies both to the
+/// stored copy. On a failure returns the calibration's status and copies nothing.
+template <>
+struct KEST_EXPORT FindMaxMin<util::ThreadPoolDevice, float> {
+    int operator()(int length, const float* data, WeightQuantParam param) const;
+};
+
+/// Restores the factors from the stored copy. Always STATUS_OK.
+template <>
+struct KEST_EXPORT IdentityScaleOffset<util::ThreadPoolDevice, float> {
+    int operator()(WeightQuantParam param) const;
+};
+
+}  // namespace KestTfOp
+
+// Plain entries, called through a foreign-function interface with the structures by value.
+extern "C" {
+
+/// KestCommon::ArqQuant for float data.
+KEST_EXPORT int ArqQuantFloatPython(float* data, unsigned int length, KestCommon::ArqParam arqParam,
+                                    util::FloatData scale, util::IntData offset);
+
+/// KestCommon::ArqQuant for double data.
+KEST_EXPORT int ArqQuantDoublePython(double* data, unsigned int length, KestCommon::ArqParam arqParam,
+                                     util::FloatData scale, util::IntData offset);
+
+/// KestCommon::ArqQuantRealKernel for double data; per channel when there are several scales.
+KEST_EXPORT int QuantRealDoublePython(double* data, unsigned int length, util::FloatData scale, util::IntData offset,
+                                      unsigned int numBits, char* out);
+}
+
+#endif  // KEST_WEIGHT_QUANT_ARQ_H_
