@@ -1,0 +1,131 @@
+#ifndef KEST_ACTIVATION_CALIB_IFMR_H_
+#define KEST_ACTIVATION_CALIB_IFMR_H_
+
+#include <kest/kernel_frame/export.h>
+#include <kest/kernel_frame/status.h>
+#include <kest/kernel_frame/views.h>
+
+#include <cstdint>
+#include <vector>
+
+// IFMR: one scale and one offset for an activation tensor, from all values seen over several batches. Two percentiles
+// bound the values; of a grid of ratios of the bound, the clip range whose fake-quantised values have the smallest
+// mean squared error wins. (Minimising that error over clip ranges: Choukroun et al., "Low-bit Quantization of Neural
+// Networks for Efficient Inference", 2019.)
+//
+//   with offset     range [minimum, ratio * maximum], scale = range / (2^numBits - 1),
+//                   offset = -round(minimum / scale) - 2^(numBits - 1)
+//   without offset  range [-ratio * bound, ratio * bound], bound the larger magnitude, offset 0,
+//                   scale = ratio * bound / (2^(numBits - 1) - 1), or / 2^(numBits - 1) if the bound is negative
+
+namespace KestCommon {
+
+struct KEST_EXPORT IfmrParam {
+    unsigned int calibration;  // 0: calibrate; 1: fake-quantise with the given factors
+    unsigned int numBits;      // 2 to 31 (1 with offset)
+    bool withOffset;           // range [minimum, clip]; without: [-clip, clip]
+    float startRatio;          // the grid of clip ratios: startRatio + k * step up to endRatio,
+    float endRatio;            // (endRatio - startRatio) / step + 1 of them in single precision, truncated
+    float step;
+    float maxPercentile;  // the share of values at or below the upper bound, 1: the largest value
+    float minPercentile;  // the share of values at or above the lower bound, 1: the smallest value
+};
+
+/// maxValue >= 0 and minValue <= 0: a range always contains zero.
+template <typename T>
+struct MaxMinValue {
+    T maxValue;
+    T minValue;
+};
+
+/// Calibrates (ifmrParam.calibration 0): reads data[0 .. length) and writes scale.data[0] and offset.data[0]. Or
+/// fake-quantises (1): rewrites data[0 .. length) with scale.data[0] and offset.data[0] as x = (code - offset) * scale,
+/// code = clamp(round(x / scale) + offset) on the signed grid of numBits bits.
+///
+/// Ties between ratios go to the smaller one. A ratio whose scale is negative, infinite or above 2^23 is left out; if
+/// none remains, the first one goes on and its scale is rejected. Parallel over the ratios with OpenMP's default team;
+/// the result does not depend on the number of threads. Needs memory for the ratios only, and a copy of the values
+/// near the percentiles.
+///
+/// Each failure has log lines that name the step. Nothing is written on a failure, but that a rejected final scale
+/// stays in scale.data[0].
+///   STATUS_BAD_PARAM      `data` null; scale or offset not of length 1; calibration above 1; numBits above 31; when
+///                         calibrating also: `length` 0, NaN among the values, `step` not positive, `endRatio` below
+///                         `startRatio` or either not finite, more than 2^31 - 1 ratios
+///   STATUS_SCALE_ERROR    a percentile outside its range (FindMaxAndMinValueWithPercentile); a final scale that is
+///                         infinite or above 2^23; numBits 1 without offset and a negative bound; when fake-quantising,
+///                         a scale below 2^-52, zero and negative ones included
+///   STATUS_GENERIC_ERROR  numBits 0, or 1 without offset and a positive bound: a grid without a step
+/// When fake-quantising a NaN value, or a NaN scale, gives code `offset` (clamped to the grid).
+KEST_EXPORT int IfmrQuant(float* data, unsigned int length, const IfmrParam& ifmrParam, const util::FloatData& scale,
+                          const util::IntData& offset);
+KEST_EXPORT int IfmrQuant(double* data, unsigned int length, const IfmrParam& ifmrParam, const util::FloatData& scale,
+                          const util::IntData& offset);
+
+/// Bounds `data` (only read) by two percentiles. With the rank length - floor(length * percentile), 1 for a percentile
+/// of exactly 1, maxValue is the value of that rank from the top, or 0 if it is negative, and minValue that from the
+/// bottom, or 0 if it is positive. A percentile of 0 or below selects the opposite extreme.
+///
+/// STATUS_SCALE_ERROR for a rank outside the data (a percentile above 1); STATUS_BAD_PARAM for null or empty data and
+/// for NaN among the values. Neither writes `result`. Finds the ranks in linear time; needs room for a copy of the
+/// values that share the leading bits of the result. T = float, double.
+template <typename T>
+KEST_EXPORT int FindMaxAndMinValueWithPercentile(T* data, unsigned int length, MaxMinValue<T>& result,
+                                                 float maxPercentile, float minPercentile);
+
+}  // namespace KestCommon
+
+namespace kest_tf {
+
+/// KestCommon::IfmrParam as framework operators pass it.
+struct KEST_EXPORT IfmrParam {
+    unsigned int calibration;
+    unsigned int numBits;
+    bool withOffset;
+    float startRatio;
+    float endRatio;
+    float step;
+    float maxPercentile;
+    float minPercentile;
+};
+
+}  // namespace kest_tf
+
+namespace KestTfOp {
+
+/// The values of one batch and all values so far. Owned by the caller, alive from the first batch to the last.
+template <typename T>
+struct InputParam {
+    std::vector<T> accumulated;  // every value of every batch so far, in order
+    std::int64_t length;         // values in this batch
+    const T* input;              // this batch
+};
+
+/// Where the results go: one value each.
+template <typename T>
+struct DataQuantParam {
+    float* scale;     // published on success only
+    int* offset;      // published on success only
+    float* calScale;  // written by the calibration
+    int* calOffset;
+};
+
+template <typename Device, typename T>
+struct KEST_EXPORT QuantIfmrFunctor;
+
+/// Calibrates over `batchNum` batches, one a call: increments `batchIndex`, appends the batch to input.accumulated and,
+/// on the call that makes them equal, runs KestCommon::IfmrQuant on all values. On success calScale and calOffset are
+/// copied to scale and offset; on a failure its status is returned and these two stay as they are. STATUS_OK on the
+/// calls before; later calls do nothing. More than 2^32 - 1 values in all: STATUS_BAD_PARAM.
+///
+/// The first call reserves room for batchNum batches of its length. Neither the counter nor `accumulated` is ever
+/// reset here. Calls that share them must not overlap.
+template <>
+struct KEST_EXPORT QuantIfmrFunctor<util::ThreadPoolDevice, float> {
+    int operator()(kest_tf::IfmrParam ifmrParam, int& batchIndex, int& batchNum, InputParam<float>& input,
+                   DataQuantParam<float> quantParam) const;
+};
+
+}  // namespace KestTfOp
+
+#endif  // KEST_ACTIVATION_CALIB_IFMR_H_

@@ -1,0 +1,118 @@
+#include <kest/activation_calib/ifmr_loops.h>
+
+#include <kest/kernel_frame/division.h>
+#include <kest/kernel_frame/isa.h>
+#include <kest/kernel_frame/rounding.h>
+
+// The loss of a clip range [-b, a] with scale s over N elements, summed in element order:
+//
+//   y = clamp(x, -b, a),  e = round(y / s) * s - x,  loss += e * e / N
+//
+// A serial sum per candidate, so the candidates lie in the lanes: each element is loaded once and all lanes add their
+// own term for it.
+//
+// While zero lies inside every range, clamp, quotient and error are odd in x, so the loops work on |x| clipped to a
+// (or to b if x is negative). Then for single precision three sizes of |x| are told apart:
+//   below 2^-24          s is at least 2^-23: the quotient rounds to 0 and the term is x * x / N in every lane
+//   2^-24 up to 2^62     both divisions are products with a reciprocal (Divider): e is 0 or at least 2^-47, for x is a
+//                        multiple of 2^-47 and round(y / s) * s is 0 or a multiple of 2^-46; so e * e is 0 or lies in
+//                        [2^-94, 2^126]
+//   the rest, infinity   divided in earnest
+
+namespace KestCommon {
+namespace {
+
+KEST_INLINE float ErrorOf(float quotient, float scale, float x) {
+    return quotient * scale - x;
+}
+KEST_INLINE double ErrorOf(double quotient, double scale, double x) {
+    return __builtin_fma(scale, quotient, -x);
+}
+
+/// Any ranges, any values.
+template <int kLanes, typename T>
+KEST_INLINE void AddPlainTerms(T x, T count, ClipLanes<T> lanes) {
+    for (int lane = 0; lane < kLanes; ++lane) {
+        const T low = -lanes.below[lane];
+        const T high = lanes.above[lane];
+        const T y = x < low ? low : (x > high ? high : x);
+        const T error = ErrorOf(util::RoundHalfAway(y / lanes.scale[lane]), lanes.scale[lane], x);
+        lanes.loss[lane] += static_cast<float>(error * error / count);
+    }
+}
+
+template <int kLanes, typename T>
+KEST_INLINE void AddPlainLosses(const T* x, std::size_t n, T count, ClipLanes<T> lanes) {
+    for (std::size_t i = 0; i < n; ++i) AddPlainTerms<kLanes>(x[i], count, lanes);
+}
+
+/// Ranges with zero inside.
+template <int kLanes>
+KEST_INLINE void AddLosses(const float* x, std::size_t n, float count, ClipLanes<float> lanes) {
+    float reciprocal[kLanes];
+    for (int lane = 0; lane < kLanes; ++lane) reciprocal[lane] = 1.0f / lanes.scale[lane];
+    const util::Divider<float> mean(count);
+    float loss[kLanes];
+    for (int lane = 0; lane < kLanes; ++lane) loss[lane] = lanes.loss[lane];
+
+    for (std::size_t i = 0; i < n; ++i) {
+        const float size = __builtin_fabsf(x[i]);
+        if (size >= 0x1p-24f && size < 0x1p62f) {
+            const float* clip = x[i] < 0 ? lanes.below : lanes.above;
+            for (int lane = 0; lane < kLanes; ++lane) {
+                const util::Divider<float> quotient(lanes.scale[lane], reciprocal[lane]);
+                const float y = size > clip[lane] ? clip[lane] : size;
+                // Not negative: the half needs no sign.
+                const float rounded = __builtin_truncf(quotient(y) + 0.49999997f);
+                const float error = rounded * lanes.scale[lane] - size;
+                loss[lane] += mean(error * error);
+            }
+        } else if (size < 0x1p-24f) {
+            const float term = size * size / count;
+            for (int lane = 0; lane < kLanes; ++lane) loss[lane] += term;
+        } else {
+            AddPlainTerms<kLanes>(x[i], count, {lanes.above, lanes.below, lanes.scale, loss});
+        }
+    }
+    for (int lane = 0; lane < kLanes; ++lane) lanes.loss[lane] = loss[lane];
+}
+
+template <int kLanes>
+KEST_INLINE void AddLosses(const double* x, std::size_t n, double count, ClipLanes<double> lanes) {
+    AddPlainLosses<kLanes>(x, n, count, lanes);
+}
+
+/// Adds to the first kLanes lanes and moves on to the next ones.
+template <int kLanes, typename T>
+KEST_INLINE void AddToNextLanes(const T* x, std::size_t n, T count, ClipLanes<T>& lanes, int& numLanes,
+                                bool zeroInside) {
+    if (zeroInside) {
+        AddLosses<kLanes>(x, n, count, lanes);
+    } else {
+        AddPlainLosses<kLanes>(x, n, count, lanes);
+    }
+    lanes = {lanes.above + kLanes, lanes.below + kLanes, lanes.scale + kLanes, lanes.loss + kLanes};
+    numLanes -= kLanes;
+}
+
+}  // namespace
+
+template <typename Isa, typename T>
+void IfmrLoops<Isa, T>::AddLoss(const T* x, std::size_t n, T count, ClipLanes<T> lanes, int numLanes, bool zeroInside) {
+    constexpr std::size_t kBlock = 4096;  // elements that stay in the first-level cache while all lanes pass over them
+    for (std::size_t first = 0; first < n; first += kBlock) {
+        const T* block = x + first;
+        const std::size_t size = n - first < kBlock ? n - first : kBlock;
+        ClipLanes<T> next = lanes;
+        int left = numLanes;
+        while (left >= 64) AddToNextLanes<64>(block, size, count, next, left, zeroInside);
+        if (left >= 32) AddToNextLanes<32>(block, size, count, next, left, zeroInside);
+        if (left >= 16) AddToNextLanes<16>(block, size, count, next, left, zeroInside);
+        if (left >= kLaneGroup) AddToNextLanes<kLaneGroup>(block, size, count, next, left, zeroInside);
+    }
+}
+
+template struct IfmrLoops<util::KEST_LOOPS_ISA, float>;
+template struct IfmrLoops<util::KEST_LOOPS_ISA, double>;
+
+}  // namespace KestCommon
