@@ -3,11 +3,10 @@
 namespace KestCommon {
 namespace {
 
-/// The code of a rounded quotient, for any offset; a NaN quotient has code 0.
+/// The code of a rounded quotient, for any offset: the sum in double precision; a NaN quotient has code 0.
 template <typename T>
 KEST_INLINE int64_t CodeOf(T quotient, int offset, util::Grid grid) {
-    const int64_t code = quotient == quotient ? int64_t{util::SaturateTo<int>(quotient)} + offset : 0;
-    return util::ClampCode(code, grid);
+    return util::ClampCode(util::SaturateTo<int>(double{quotient} + offset), grid);
 }
 
 /// code - offset of a rounded quotient as a T, for an offset that leaves the moved bounds small.
