@@ -1,0 +1,76 @@
+#ifndef KEST_EXAMPLES_DIGITS_CONSOLE_H_
+#define KEST_EXAMPLES_DIGITS_CONSOLE_H_
+
+#include <chrono>
+#include <string>
+#include <utility>
+#include <vector>
+
+// What the user of the example meets: options, progress, the table.
+
+namespace digits {
+
+constexpr int kBatchSize = 32;   // images in a calibration batch
+constexpr int kMaxBatches = 40;  // as many as the training images fill
+
+struct Options {
+    int bits = 8;
+    int batches = 16;
+    std::string record = "digits.record";
+    std::string data = KEST_DIGITS_DATA;
+};
+
+/// Ends the program after --help (status 0) or a bad option (a usage line on standard error, status 2).
+Options ParseOptions(int argc, char** argv);
+
+/// One line on standard error that each text replaces; nothing at all unless standard error is a terminal.
+class Progress {
+public:
+    Progress();
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    void Show(const std::string& text);
+
+private:
+    bool terminal_;
+};
+
+/// Seconds of each phase of the program, one after the other.
+class Stopwatch {
+public:
+    /// The phase since the last Lap, or since the start, ends here.
+    void Lap(const std::string& phase);
+    const std::vector<std::pair<std::string, double>>& Laps() const { return laps_; }
+
+private:
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    std::vector<std::pair<std::string, double>> laps_;
+};
+
+/// A line of the table. Signal-to-noise ratios are in dB, infinity where quantisation changes nothing.
+struct LayerReport {
+    std::string name;
+    float inputScale;
+    int inputOffset;
+    double clipped;  // percent
+    double inputSnr;
+    std::string weightShape;
+    float smallestWeightScale;
+    float largestWeightScale;
+    double weightSnr;
+};
+
+struct Report {
+    std::vector<LayerReport> layers;
+    int numHeldOut;
+    double floatAccuracy;      // percent
+    double quantisedAccuracy;  // percent
+};
+
+/// Prints the table, the phases and, as the last line, both accuracies.
+void Print(const Report& report, const Options& options, const Stopwatch& watch);
+
+}  // namespace digits
+
+#endif  // KEST_EXAMPLES_DIGITS_CONSOLE_H_
