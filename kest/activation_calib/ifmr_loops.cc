@@ -49,16 +49,21 @@ KEST_INLINE void AddPlainLosses(const T* x, std::size_t n, T count, ClipLanes<T>
 /// Ranges with zero inside.
 template <int kLanes>
 KEST_INLINE void AddLosses(const float* x, std::size_t n, float count, ClipLanes<float> lanes) {
+    float clips[2][kLanes];  // by the sign of x: an index is no branch to mispredict
     float reciprocal[kLanes];
-    for (int lane = 0; lane < kLanes; ++lane) reciprocal[lane] = 1.0f / lanes.scale[lane];
-    const util::Divider<float> mean(count);
     float loss[kLanes];
-    for (int lane = 0; lane < kLanes; ++lane) loss[lane] = lanes.loss[lane];
+    for (int lane = 0; lane < kLanes; ++lane) {
+        clips[0][lane] = lanes.above[lane];
+        clips[1][lane] = lanes.below[lane];
+        reciprocal[lane] = 1.0f / lanes.scale[lane];
+        loss[lane] = lanes.loss[lane];
+    }
+    const util::Divider<float> mean(count);
 
     for (std::size_t i = 0; i < n; ++i) {
         const float size = __builtin_fabsf(x[i]);
         if (size >= 0x1p-24f && size < 0x1p62f) {
-            const float* clip = x[i] < 0 ? lanes.below : lanes.above;
+            const float* clip = clips[__builtin_signbit(x[i]) != 0];
             for (int lane = 0; lane < kLanes; ++lane) {
                 const util::Divider<float> quotient(lanes.scale[lane], reciprocal[lane]);
                 const float y = size > clip[lane] ? clip[lane] : size;
@@ -99,10 +104,21 @@ KEST_INLINE void AddToNextLanes(const T* x, std::size_t n, T count, ClipLanes<T>
 
 template <typename Isa, typename T>
 void IfmrLoops<Isa, T>::AddLoss(const T* x, std::size_t n, T count, ClipLanes<T> lanes, int numLanes, bool zeroInside) {
-    constexpr std::size_t kBlock = 4096;  // elements that stay in the first-level cache while all lanes pass over them
+    constexpr std::size_t kBlock = 2048;  // elements that stay in the first-level cache while all lanes pass over them
+    T notZero[kBlock];
     for (std::size_t first = 0; first < n; first += kBlock) {
         const T* block = x + first;
-        const std::size_t size = n - first < kBlock ? n - first : kBlock;
+        std::size_t size = n - first < kBlock ? n - first : kBlock;
+        if (zeroInside) {
+            // A zero adds a zero: half of a rectified activation is dropped, and no branch guesses which.
+            std::size_t numKept = 0;
+            for (std::size_t i = 0; i < size; ++i) {
+                notZero[numKept] = block[i];
+                numKept += block[i] != 0;
+            }
+            block = notZero;
+            size = numKept;
+        }
         ClipLanes<T> next = lanes;
         int left = numLanes;
         while (left >= 64) AddToNextLanes<64>(block, size, count, next, left, zeroInside);

@@ -22,34 +22,47 @@ template <typename Isa, typename T>
 Extremes<T> ArrayLoops<Isa, T>::FindExtremes(const T* x, std::size_t n) {
     typedef T Vector __attribute__((vector_size(64)));
     constexpr std::size_t kLanes = sizeof(Vector) / sizeof(T);
+    Extremes<T> found{static_cast<T>(FLT_MAX), static_cast<T>(-FLT_MAX)};
+    if (n < kLanes) {
+        for (std::size_t i = 0; i < n; ++i) {
+            if (x[i] < found.min) found.min = x[i];
+            if (x[i] > found.max) found.max = x[i];
+        }
+        return found;
+    }
+
     constexpr std::size_t kVectors = 2;  // two chains hide the latency of a minimum
     Vector min[kVectors];
     Vector max[kVectors];
     for (std::size_t v = 0; v < kVectors; ++v) {
-        min[v] = Vector{} + static_cast<T>(FLT_MAX);
-        max[v] = Vector{} - static_cast<T>(FLT_MAX);
+        min[v] = Vector{} + found.min;
+        max[v] = Vector{} + found.max;
     }
+    const auto take = [&](std::size_t v, std::size_t first) __attribute__((always_inline)) {
+        Vector values;
+        __builtin_memcpy(&values, x + first, sizeof values);
+        min[v] = values < min[v] ? values : min[v];
+        max[v] = values > max[v] ? values : max[v];
+    };
     std::size_t i = 0;
-    for (; i + kVectors * kLanes <= n; i += kVectors * kLanes) {
-        for (std::size_t v = 0; v < kVectors; ++v) {
-            Vector values;
-            __builtin_memcpy(&values, x + i + v * kLanes, sizeof values);
-            min[v] = values < min[v] ? values : min[v];
-            max[v] = values > max[v] ? values : max[v];
+    for (; i + kVectors * kLanes <= n; i += kVectors * kLanes)
+        for (std::size_t v = 0; v < kVectors; ++v) take(v, i + v * kLanes);
+    if (i + kLanes <= n) take(0, i);
+    take(1, n - kLanes);  // the tail; an extreme does not mind elements seen twice
+
+    T low[kLanes];
+    T high[kLanes];
+    min[0] = min[1] < min[0] ? min[1] : min[0];
+    max[0] = max[1] > max[0] ? max[1] : max[0];
+    __builtin_memcpy(low, &min[0], sizeof low);
+    __builtin_memcpy(high, &max[0], sizeof high);
+    for (std::size_t half = kLanes / 2; half > 0; half /= 2) {
+        for (std::size_t lane = 0; lane < half; ++lane) {
+            low[lane] = low[lane + half] < low[lane] ? low[lane + half] : low[lane];
+            high[lane] = high[lane + half] > high[lane] ? high[lane + half] : high[lane];
         }
     }
-    Extremes<T> found{static_cast<T>(FLT_MAX), static_cast<T>(-FLT_MAX)};
-    for (std::size_t v = 0; v < kVectors; ++v) {
-        for (std::size_t lane = 0; lane < kLanes; ++lane) {
-            if (min[v][lane] < found.min) found.min = min[v][lane];
-            if (max[v][lane] > found.max) found.max = max[v][lane];
-        }
-    }
-    for (; i < n; ++i) {
-        if (x[i] < found.min) found.min = x[i];
-        if (x[i] > found.max) found.max = x[i];
-    }
-    return found;
+    return {low[0], high[0]};
 }
 
 template struct ArrayLoops<KEST_LOOPS_ISA, float>;

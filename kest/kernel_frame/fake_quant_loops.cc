@@ -13,7 +13,8 @@ void FakeQuantLoops<Isa, T>::FakeQuant(T* x, std::size_t n, float scale, int off
         for (std::size_t i = 0; i < n; ++i) {
             const T value = x[i] == x[i] ? x[i] : T{0};
             const T moved = RoundHalfAway(quotient(Clamp(value, low, high)));
-            x[i] = (static_cast<float>(moved) + 0.0f) * scale;  // + 0: the integer zero has no sign
+            // + 0: an integer zero has no sign. Through an int it keeps one: GCC 12 makes a truncation of that.
+            x[i] = (static_cast<float>(moved) + 0.0f) * scale;
         }
     } else {
         for (std::size_t i = 0; i < n; ++i) {

@@ -17,8 +17,9 @@
 namespace KestCommon {
 namespace {
 
-constexpr unsigned int kMaxNumBits = 31;   // the widest grid whose bounds fit 32-bit integers
-constexpr std::size_t kMaxColumns = 1024;  // columns worked on at once; their state stays in the first-level cache
+constexpr unsigned int kMaxNumBits = 31;    // the widest grid whose bounds fit 32-bit integers
+constexpr std::size_t kMaxColumns = 4096;   // worked on at once, their state on the stack
+constexpr std::size_t kGoodColumns = 2048;  // long rows are fetched ahead best, a small state stays in the cache
 
 template <typename T>
 int CheckArqParams(const T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
@@ -77,7 +78,7 @@ struct GridEnds {
 template <typename T>
 float SymmetricScale(util::Extremes<T> found, const GridEnds& ends) {
     const float extreme = static_cast<float>(std::fabs(found.max) > std::fabs(found.min) ? found.max : found.min);
-    return extreme > 0 ? extreme / ends.positive : extreme / -ends.negative;
+    return extreme / (extreme > 0 ? ends.positive : -ends.negative);
 }
 
 /// The extremes of the range that an asymmetric grid covers: zero is inside.
@@ -101,7 +102,9 @@ template <typename T>
 int SetChannelFactors(util::Extremes<T> found, bool withOffset, const GridEnds& ends, float& scale, int& offset) {
     const util::Extremes<T> range = WidenToZero(found);
     scale = withOffset ? AsymmetricScale(range, ends) : SymmetricScale(found, ends);
-    const int status = util::ProcessScale(scale);
+    const bool fit =
+        scale >= FLT_EPSILON && scale <= 1 / FLT_EPSILON;  // what ProcessScale leaves alone, without a call
+    const int status = fit ? STATUS_OK : util::ProcessScale(scale);
     if (status != STATUS_OK) return status;
     offset = withOffset ? AsymmetricOffset(range, scale, ends) : 0;
     return STATUS_OK;
@@ -119,34 +122,32 @@ int ForEachContiguousChannel(const T* data, std::size_t length, std::size_t numC
 }
 
 /// The same for a tensor whose channel is innermost: one pass over the data with the extremes of all columns (of up
-/// to kMaxColumns at once). Few channels are repeated side by side so that a row is long enough to be worth a loop.
+/// to kMaxColumns at once). Few channels are repeated side by side, up to kGoodColumns.
 template <typename T, typename Use>
 int ForEachInnermostChannel(const T* data, std::size_t length, std::size_t numChannels, Use use) {
+    if (numChannels == 0) return STATUS_OK;
+    constexpr std::size_t kMinRows = 8;  // of a small tensor, so that setting up and folding cost less than the pass
     T min[kMaxColumns];
     T max[kMaxColumns];
-    if (numChannels == 0) return STATUS_OK;
-    const std::size_t repeats = std::max<std::size_t>(1, kMaxColumns / 2 / numChannels);
+    const std::size_t wanted = std::min(kGoodColumns, length / kMinRows) / numChannels;
+    const std::size_t repeats = std::max<std::size_t>(1, wanted);
     const std::size_t stride = numChannels * repeats;
     const std::size_t numRows = length / stride;
     const std::size_t tailLength = length % stride;
     for (std::size_t first = 0; first < stride; first += kMaxColumns) {
         const std::size_t width = std::min(kMaxColumns, stride - first);
         const std::size_t tail = std::min(width, tailLength - std::min(first, tailLength));
+        const std::size_t channels = width / repeats;
         std::fill_n(min, width, static_cast<T>(FLT_MAX));
         std::fill_n(max, width, static_cast<T>(-FLT_MAX));
         util::DispatchIsa([&](auto isa) {
             using Loops = ArqLoops<decltype(isa), T>;
             Loops::FindColumnExtremes(data + first, numRows, stride, width, min, max);
             Loops::FindColumnExtremes(data + numRows * stride + first, 1, stride, tail, min, max);
+            Loops::FoldColumnExtremes(repeats, channels, min, max);
         });
-        const std::size_t channels = width / repeats;
         for (std::size_t c = 0; c < channels; ++c) {
-            util::Extremes<T> found{min[c], max[c]};
-            for (std::size_t column = c + channels; column < width; column += channels) {
-                if (min[column] < found.min) found.min = min[column];
-                if (max[column] > found.max) found.max = max[column];
-            }
-            const int status = use(first + c, found);
+            const int status = use(first + c, util::Extremes<T>{min[c], max[c]});
             if (status != STATUS_OK) return status;
         }
     }

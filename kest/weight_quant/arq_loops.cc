@@ -21,7 +21,8 @@ KEST_INLINE T MovedCodeOf(T quotient, T offset, util::Grid grid) {
 template <typename Isa, typename T>
 void ArqLoops<Isa, T>::FindColumnExtremes(const T* x, std::size_t rows, std::size_t stride, std::size_t width,
                                           T* __restrict min, T* __restrict max) {
-    constexpr std::size_t kRows = 4;  // rows a pass over the extremes, so that loads of x are most of the traffic
+    constexpr std::size_t kRows =
+        4;  // streams that the processor fetches ahead, a pass over the extremes for each four
     for (; rows >= kRows; rows -= kRows, x += kRows * stride) {
         for (std::size_t c = 0; c < width; ++c) {
             T low = min[c];
@@ -39,6 +40,17 @@ void ArqLoops<Isa, T>::FindColumnExtremes(const T* x, std::size_t rows, std::siz
         for (std::size_t c = 0; c < width; ++c) {
             min[c] = x[c] < min[c] ? x[c] : min[c];
             max[c] = x[c] > max[c] ? x[c] : max[c];
+        }
+    }
+}
+
+template <typename Isa, typename T>
+void ArqLoops<Isa, T>::FoldColumnExtremes(std::size_t numGroups, std::size_t width, T* min, T* max) {
+    for (std::size_t first = width; first < numGroups * width; first += width) {
+        KEST_IVDEP
+        for (std::size_t c = 0; c < width; ++c) {
+            min[c] = min[first + c] < min[c] ? min[first + c] : min[c];
+            max[c] = max[first + c] > max[c] ? max[first + c] : max[c];
         }
     }
 }

@@ -14,6 +14,9 @@ struct ArqLoops {
     /// from the extremes that `min` and `max` hold.
     static void FindColumnExtremes(const T* x, std::size_t rows, std::size_t stride, std::size_t width, T* min, T* max);
 
+    /// Folds the extremes of numGroups groups of `width` columns, side by side, into those of the first.
+    static void FoldColumnExtremes(std::size_t numGroups, std::size_t width, T* min, T* max);
+
     /// Fake-quantises n elements of a channel-innermost tensor, each with its own scale and offset. Any values, a NaN
     /// quotient has code 0; `out` may be `x`.
     static void FakeQuantColumns(const T* x, T* out, std::size_t n, const float* scale, const int* offset,

@@ -305,6 +305,23 @@ TEST(Arq, GivenFactorsOfAnyKind) {
         EXPECT_EQ(x[i] > 1e9f || x[i] != x[i] ? 0x1p31f : 2147483520.0f, far[i]) << i;
 }
 
+TEST(Arq, SumsAndDifferencesBeyond32Bits) {
+    // Quotient and offset are added in double precision: a quotient saturated first would give -1e30 the code -1.
+    Tensor<double> t({-1e30, 0}, 1);
+    t.scale = {1};
+    t.offset = {INT_MAX};
+    char codes[2];
+    EXPECT_EQ(STATUS_OK, QuantRealDoublePython(t.data.data(), 2, t.Scale(), t.Offset(), 8, codes));
+    EXPECT_EQ(-128, static_cast<signed char>(codes[0]));
+    EXPECT_EQ(127, static_cast<signed char>(codes[1]));
+    // code - offset is 4095 + 2147483647, more than an int holds.
+    float x = 0x1p100f;
+    float scale = 1;
+    int offset = -2147483647;
+    KestCommon::ArqClipAndQuantKhKwCiCo<float>(&x, &x, 1, 13, {1, &scale}, {1, &offset});
+    EXPECT_EQ(2147487744.0f, x);
+}
+
 TEST(Arq, FunctorsCalibrateQuantiseStoreAndRestore) {
     Tensor<float> t({-1, 254, 0.5f, -127}, 2);
     std::vector<float> out(4);
