@@ -214,13 +214,14 @@ int CheckSearchGrid(unsigned int length, const IfmrParam& ifmrParam) {
         LOG_ERROR("input data length = 0.\n");
         return STATUS_BAD_PARAM;
     }
-    if (!(ifmrParam.step > 0)) {
-        LOG_ERROR("ifmrParam.step = %f, it should be greater than 0.\n", ifmrParam.step);
+    if (!(ifmrParam.step > 0 && ifmrParam.step <= FLT_MAX)) {
+        LOG_ERROR("ifmrParam.step = %f, it should be greater than 0 and finite.\n", ifmrParam.step);
         return STATUS_BAD_PARAM;
     }
-    if (!(ifmrParam.endRatio >= ifmrParam.startRatio)) {
-        LOG_ERROR("ifmrParam.startRatio = %f, ifmrParam.endRatio = %f, it should not be less.\n", ifmrParam.startRatio,
-                  ifmrParam.endRatio);
+    if (!(ifmrParam.startRatio >= -FLT_MAX && ifmrParam.startRatio <= ifmrParam.endRatio &&
+          ifmrParam.endRatio <= FLT_MAX)) {
+        LOG_ERROR("ifmrParam.startRatio = %f, ifmrParam.endRatio = %f, it should not be less, both finite.\n",
+                  ifmrParam.startRatio, ifmrParam.endRatio);
         return STATUS_BAD_PARAM;
     }
     const unsigned int numRatios = CountRatios(ifmrParam);

@@ -15,8 +15,10 @@
 //
 //   with offset     range [minimum, ratio * maximum], scale = range / (2^numBits - 1),
 //                   offset = -round(minimum / scale) - 2^(numBits - 1)
-//   without offset  range [-ratio * bound, ratio * bound], bound the larger magnitude, offset 0,
-//                   scale = ratio * bound / (2^(numBits - 1) - 1), or / 2^(numBits - 1) if the bound is negative
+//   without offset  range [-ratio * bound, ratio * bound], bound the larger of maximum and |minimum|, offset 0,
+//                   scale = ratio * bound / (2^(numBits - 1) - 1) if the maximum is larger, / 2^(numBits - 1) otherwise
+//
+// A scale below 2^-23 (2^-52 while searching double data) becomes 1: values that are all tiny end up with scale 1.
 
 namespace KestCommon {
 
@@ -27,8 +29,8 @@ struct KEST_EXPORT IfmrParam {
     float startRatio;          // the grid of clip ratios: startRatio + k * step up to endRatio,
     float endRatio;            // (endRatio - startRatio) / step + 1 of them in single precision, truncated
     float step;
-    float maxPercentile;  // the share of values at or below the upper bound, 1: the largest value
-    float minPercentile;  // the share of values at or above the lower bound, 1: the smallest value
+    float maxPercentile;  // the share of values at or below the upper bound, in (0, 1]; 1: the largest value
+    float minPercentile;  // the share of values at or above the lower bound, in (0, 1]; 1: the smallest value
 };
 
 /// maxValue >= 0 and minValue <= 0: a range always contains zero.
@@ -40,23 +42,29 @@ struct MaxMinValue {
 
 /// Calibrates (ifmrParam.calibration 0): reads data[0 .. length) and writes scale.data[0] and offset.data[0]. Or
 /// fake-quantises (1): rewrites data[0 .. length) with scale.data[0] and offset.data[0] as x = (code - offset) * scale,
-/// code = clamp(round(x / scale) + offset) on the signed grid of numBits bits.
+/// code = clamp(round(x / scale) + offset) on the signed grid of numBits bits; the rounded quotient saturates to 32
+/// bits before the offset is added, and NaN counts as 0.
 ///
-/// Ties between ratios go to the smaller one. A ratio whose scale is negative, infinite or above 2^23 is left out; if
-/// none remains, the first one goes on and its scale is rejected. Parallel over the ratios with OpenMP's default team;
-/// the result does not depend on the number of threads. Needs memory for the ratios only, and a copy of the values
-/// near the percentiles.
+/// Ties between ratios go to the smaller one. A ratio is left out of the search if its scale is infinite or above 2^23
+/// (2^52 for double data) or, with offset, negative; each prints a log line although the calibration may succeed. If
+/// none remains the first one goes on to the final scale. Values beyond a percentile may be infinite: then all errors
+/// are, and the first ratio wins. The final offset is computed in 64-bit integers and saturates.
+///
+/// Parallel over the ratios with OpenMP's default team; the result does not depend on the number of threads. Needs
+/// memory for the ratios, and for up to eight times as many values as lie beyond a percentile.
 ///
 /// Each failure has log lines that name the step. Nothing is written on a failure, but that a rejected final scale
-/// stays in scale.data[0].
-///   STATUS_BAD_PARAM      `data` null; scale or offset not of length 1; calibration above 1; numBits above 31; when
-///                         calibrating also: `length` 0, NaN among the values, `step` not positive, `endRatio` below
-///                         `startRatio` or either not finite, more than 2^31 - 1 ratios
-///   STATUS_SCALE_ERROR    a percentile outside its range (FindMaxAndMinValueWithPercentile); a final scale that is
-///                         infinite or above 2^23; numBits 1 without offset and a negative bound; when fake-quantising,
-///                         a scale below 2^-52, zero and negative ones included
-///   STATUS_GENERIC_ERROR  numBits 0, or 1 without offset and a positive bound: a grid without a step
-/// When fake-quantising a NaN value, or a NaN scale, gives code `offset` (clamped to the grid).
+/// stays in scale.data[0]. In this order:
+///   STATUS_BAD_PARAM      `data` null; scale or offset not of length 1 (their arrays are trusted); calibration above
+///   1;
+///                         numBits above 31; when calibrating also: `length` 0, `step` not positive or not finite,
+///                         `endRatio` below `startRatio` or either not finite, more than 2^31 - 1 ratios
+///   STATUS_SCALE_ERROR    a percentile above 1
+///   STATUS_BAD_PARAM      NaN among the values
+///   STATUS_GENERIC_ERROR  numBits 0, or 1 without offset and a maximum above |minimum|: a grid without a step
+///   STATUS_SCALE_ERROR    a final scale that is infinite or above 2^23; numBits 1 without offset otherwise
+/// When fake-quantising, after the first line only: STATUS_SCALE_ERROR for a scale below 2^-52, zero and negative ones
+/// included.
 KEST_EXPORT int IfmrQuant(float* data, unsigned int length, const IfmrParam& ifmrParam, const util::FloatData& scale,
                           const util::IntData& offset);
 KEST_EXPORT int IfmrQuant(double* data, unsigned int length, const IfmrParam& ifmrParam, const util::FloatData& scale,
@@ -64,11 +72,11 @@ KEST_EXPORT int IfmrQuant(double* data, unsigned int length, const IfmrParam& if
 
 /// Bounds `data` (only read) by two percentiles. With the rank length - floor(length * percentile), 1 for a percentile
 /// of exactly 1, maxValue is the value of that rank from the top, or 0 if it is negative, and minValue that from the
-/// bottom, or 0 if it is positive. A percentile of 0 or below selects the opposite extreme.
+/// bottom, or 0 if it is positive. A percentile of 0 or below, or NaN, selects the opposite extreme.
 ///
-/// STATUS_SCALE_ERROR for a rank outside the data (a percentile above 1); STATUS_BAD_PARAM for null or empty data and
-/// for NaN among the values. Neither writes `result`. Finds the ranks in linear time; needs room for a copy of the
-/// values that share the leading bits of the result. T = float, double.
+/// STATUS_BAD_PARAM for null or empty data, then STATUS_SCALE_ERROR for a rank outside the data (a percentile above 1),
+/// then STATUS_BAD_PARAM for NaN among the values. None writes `result`. Linear time; needs room for eight times as
+/// many values as the larger rank, at most for a copy of the data. T = float, double.
 template <typename T>
 KEST_EXPORT int FindMaxAndMinValueWithPercentile(T* data, unsigned int length, MaxMinValue<T>& result,
                                                  float maxPercentile, float minPercentile);
@@ -114,12 +122,13 @@ template <typename Device, typename T>
 struct KEST_EXPORT QuantIfmrFunctor;
 
 /// Calibrates over `batchNum` batches, one a call: increments `batchIndex`, appends the batch to input.accumulated and,
-/// on the call that makes them equal, runs KestCommon::IfmrQuant on all values. On success calScale and calOffset are
-/// copied to scale and offset; on a failure its status is returned and these two stay as they are. STATUS_OK on the
-/// calls before; later calls do nothing. More than 2^32 - 1 values in all: STATUS_BAD_PARAM.
+/// on the call that makes them equal, runs KestCommon::IfmrQuant on all values (calibration 1 rewrites them). On
+/// success calScale and calOffset are copied to scale and offset; on a failure its status is returned and these two
+/// stay as they are. STATUS_OK on the calls before; later calls only count. More than 2^32 - 1 values in all:
+/// STATUS_BAD_PARAM.
 ///
-/// The first call reserves room for batchNum batches of its length. Neither the counter nor `accumulated` is ever
-/// reset here. Calls that share them must not overlap.
+/// The first call reserves room for batchNum batches of its length, and throws std::bad_alloc, nothing appended, where
+/// there is none. Neither the counter nor `accumulated` is ever reset here. Calls that share them must not overlap.
 template <>
 struct KEST_EXPORT QuantIfmrFunctor<util::ThreadPoolDevice, float> {
     int operator()(kest_tf::IfmrParam ifmrParam, int& batchIndex, int& batchNum, InputParam<float>& input,

@@ -7,11 +7,11 @@ namespace util {
 
 /// Divides many values by one divisor: the correctly rounded quotient without the divider.
 ///
-/// q0 = x * (1 / d) is at most 1.5 ulp off; r = x - q0 * d is exact in one fused step, and q0 + r * (1 / d) rounds to
-/// x / d (Markstein 1990). That holds for every x and d, tested over all quotients close enough to a rounding
-/// boundary, as long as q0 is finite and normal and r is exact: |x| >= 2^-94 with 1 <= d < 2^33, or |x / d| >= 2^-2
-/// with 2^-23 <= d <= 2^23. Zero divides exactly. Without a fused instruction, and in double precision, it is a
-/// division.
+/// q0 = x * (1 / d) is at most 1.5 ulp off; r = x - q0 * d takes one fused step, and q0 + r * (1 / d) rounds to x / d
+/// (Markstein 1990). That holds for all significands, proven by trying every quotient close enough to a rounding
+/// boundary (the test), as long as q0 is finite and normal and r does not underflow: |x| >= 2^-94 with 1 <= d < 2^33,
+/// or |x / d| >= 2^-2 with 2^-23 <= d <= 2^23. Zero divides exactly. Without a fused instruction, and in double
+/// precision, it is a division.
 template <typename T>
 struct Divider {
     T divisor;

@@ -1,0 +1,69 @@
+#ifndef KEST_TESTS_RECORD_RECORD_TEST_UTIL_H_
+#define KEST_TESTS_RECORD_RECORD_TEST_UTIL_H_
+
+#include <kest/record/proto_simulator/record_proto.h>
+#include <kest/record/proto_simulator/record_writer.h>
+#include <kest/record/record_update.h>
+
+#include <sys/stat.h>
+#include <tests/test_util.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+/// A directory of the test's own that every user may enter and write to; goes with the object.
+class TempDir {
+public:
+    TempDir() : path_((std::filesystem::temp_directory_path() / "kest-XXXXXX").string()) {
+        if (mkdtemp(path_.data()) == nullptr || chmod(path_.c_str(), 0777) != 0) std::abort();
+    }
+    ~TempDir() { std::filesystem::remove_all(path_); }
+
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+    const std::string& Path() const { return path_; }
+    long NumFiles() const { return std::distance(std::filesystem::directory_iterator(path_), {}); }
+
+private:
+    std::string path_;
+};
+
+inline std::string ReadText(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+inline void WriteText(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+/// An empty root.
+struct Root : kest_tf::InnerData {
+    Root() : InnerData("InnerScaleOffsetRecord", kest_tf::FIELD_MESSAGE, 0) {}
+};
+
+/// Parses the text of a file into `root`.
+inline int Parse(std::string text, kest_tf::InnerData& root) {
+    kest_tf::InnerProto parser("InnerScaleOffsetRecord", 0);
+    const int status = parser.Init();
+    return status == STATUS_OK ? parser.Parse(text, root) : status;
+}
+
+template <typename T>
+T* Child(const kest_tf::Data& node, const std::string& name) {
+    for (const auto& child : node.children)
+        if (child.first == name) return dynamic_cast<T*>(child.second);
+    return nullptr;
+}
+
+/// 1 while no update runs.
+inline int SemaphoreCount() {
+    int count = -1;
+    sem_getvalue(&KestTfOp::Initializer::GetInstance().semaphore, &count);
+    return count;
+}
+
+#endif  // KEST_TESTS_RECORD_RECORD_TEST_UTIL_H_
