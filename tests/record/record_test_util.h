@@ -7,23 +7,21 @@
 
 #include <sys/stat.h>
 #include <tests/test_util.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
-/// A directory of the test's own that every user may enter and write to; goes with the object.
+/// A directory of the test's own that every user may write to; goes with the object.
 class TempDir {
 public:
     TempDir() : path_((std::filesystem::temp_directory_path() / "kest-XXXXXX").string()) {
         if (mkdtemp(path_.data()) == nullptr || chmod(path_.c_str(), 0777) != 0) std::abort();
     }
     ~TempDir() { std::filesystem::remove_all(path_); }
-
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-    const std::string& Path() const { return path_; }
     long NumFiles() const { return std::distance(std::filesystem::directory_iterator(path_), {}); }
 
 private:
@@ -35,28 +33,40 @@ inline std::string ReadText(const std::string& path) {
     text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
-
 inline void WriteText(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
-/// An empty root.
+inline std::vector<std::string> Words(const std::string& text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+/// The words of a text with one blank between them, which makes a record fit on a line.
+inline std::string Flat(const std::string& text) {
+    std::string flat;
+    for (const std::string& word : Words(text)) flat += (flat.empty() ? "" : " ") + word;
+    return flat;
+}
+
+/// Offers `leaf` a value of each type; it takes the one of its own.
+inline void AddEach(kest_tf::Data& leaf, float f, int i, unsigned long u, bool b, std::string text) {
+    leaf.AddData("", f);
+    leaf.AddData("", i);
+    leaf.AddData("", u);
+    leaf.AddData("", b);
+    leaf.AddData("", text);
+}
+
 struct Root : kest_tf::InnerData {
     Root() : InnerData("InnerScaleOffsetRecord", kest_tf::FIELD_MESSAGE, 0) {}
 };
 
-/// Parses the text of a file into `root`.
+/// Parses the text of a file.
 inline int Parse(std::string text, kest_tf::InnerData& root) {
     kest_tf::InnerProto parser("InnerScaleOffsetRecord", 0);
     const int status = parser.Init();
     return status == STATUS_OK ? parser.Parse(text, root) : status;
-}
-
-template <typename T>
-T* Child(const kest_tf::Data& node, const std::string& name) {
-    for (const auto& child : node.children)
-        if (child.first == name) return dynamic_cast<T*>(child.second);
-    return nullptr;
 }
 
 /// 1 while no update runs.

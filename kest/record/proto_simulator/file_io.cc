@@ -1,0 +1,194 @@
+#include <kest/kernel_frame/status.h>
+#include <kest/record/proto_simulator/file_io.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+namespace kest_tf {
+
+namespace {
+
+/// An open file; closed when it goes.
+class File {
+public:
+    File(int directory, const char* name, int flags, mode_t mode = 0) {
+        do {
+            fd_ = openat(directory, name, flags | O_CLOEXEC | O_NOCTTY, mode);
+        } while (fd_ < 0 && errno == EINTR);
+    }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    ~File() {
+        if (fd_ >= 0) close(fd_);
+    }
+
+    bool IsOpen() const { return fd_ >= 0; }
+    int Get() const { return fd_; }
+    /// False if the system tells of a lost write. The file is closed even then, and when a signal interrupts.
+    bool Close() { return close(std::exchange(fd_, -1)) == 0 || errno == EINTR; }
+
+private:
+    int fd_;
+};
+
+bool ReadAll(int fd, std::string& text) {
+    constexpr size_t kFirstRead = 4096;
+    constexpr size_t kDeviceLimit = 1 << 20;  // some devices never end
+    struct stat status;
+    if (fstat(fd, &status) != 0) return false;
+    // One byte more than the file has, so that its end shows without a larger buffer.
+    text.resize(S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) + 1 : kFirstRead);
+    size_t length = 0;
+    for (;;) {
+        const ssize_t count = read(fd, &text[length], text.size() - length);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return false;
+        if (count == 0) break;
+        length += static_cast<size_t>(count);
+        if (S_ISCHR(status.st_mode) && length >= kDeviceLimit) return false;
+        if (length == text.size()) text.resize(2 * length);
+    }
+    text.resize(length);
+    return true;
+}
+
+bool WriteAll(int fd, const std::string& text) {
+    for (size_t written = 0; written < text.size();) {
+        const ssize_t count = write(fd, text.data() + written, text.size() - written);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        written += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+bool Sync(int fd) {
+    while (fsync(fd) != 0) {
+        if (errno != EINTR) return false;
+    }
+    return true;
+}
+
+/// The path at the end of the chain of symbolic links that starts at `path`; nothing needs to be there. Empty for a
+/// chain without end.
+std::string FollowLinks(std::string path) {
+    constexpr int kMaxLinks = 40;  // the kernel's own limit
+    char link[PATH_MAX];
+    for (int i = 0; i < kMaxLinks; ++i) {
+        const ssize_t length = readlink(path.c_str(), link, sizeof(link));
+        if (length < 0) return path;
+        const bool isAbsolute = length > 0 && link[0] == '/';
+        path.resize(isAbsolute ? 0 : path.rfind('/') + 1);  // npos + 1 is 0
+        path.append(link, static_cast<size_t>(length));
+    }
+    return {};
+}
+
+bool WriteDirectly(const char* path, const std::string& text) {
+    File file(AT_FDCWD, path, O_WRONLY);
+    return file.IsOpen() && WriteAll(file.Get(), text) && file.Close();
+}
+
+bool Overwrite(int fd, const std::string& text) {
+    return lseek(fd, 0, SEEK_SET) == 0 && WriteAll(fd, text) && ftruncate(fd, static_cast<off_t>(text.size())) == 0 &&
+           Sync(fd);
+}
+
+/// For a file whose directory takes no new one.
+bool RewriteInPlace(int directory, const char* name, const std::string& text) {
+    File file(directory, name, O_RDWR | O_NOFOLLOW);
+    std::string old;
+    if (!file.IsOpen() || !ReadAll(file.Get(), old)) return false;
+    if (Overwrite(file.Get(), text)) return file.Close();
+    Overwrite(file.Get(), old);
+    return false;
+}
+
+/// The owner first, since a change of owner clears mode bits. Who may not give a file away may still keep its group;
+/// where neither is allowed, the file becomes the updater's.
+bool KeepOwnerAndMode(int fd, const struct stat& old) {
+    constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
+    if (fchown(fd, old.st_uid, old.st_gid) != 0 && fchown(fd, kSameOwner, old.st_gid) != 0 && errno != EPERM) {
+        return false;
+    }
+    return fchmod(fd, old.st_mode & 07777) == 0;
+}
+
+enum class Outcome { kDone, kFailed, kDirectoryRefuses };
+
+/// A directory refuses a new file for lack of permission, in a read-only file system or, once it is to take the old
+/// one's place, by the sticky bit or because the old file is a mount point.
+Outcome Refusal(int error) {
+    const bool refuses = error == EACCES || error == EPERM || error == EROFS || error == EBUSY;
+    return refuses ? Outcome::kDirectoryRefuses : Outcome::kFailed;
+}
+
+/// Writes `text` to a new file beside `name`, which then takes its place. `old` is null if there is nothing yet.
+Outcome ReplaceByRename(int directory, const char* name, const struct stat* old, const std::string& text) {
+    static std::atomic<unsigned> counter{0};
+    constexpr int kMaxAttempts = 1000;  // a process killed in here may have left files of our id behind
+    char temporary[64];
+    for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+        std::snprintf(temporary, sizeof(temporary), ".kest-%ld-%u.tmp", static_cast<long>(getpid()), counter++);
+        File file(directory, temporary, O_WRONLY | O_CREAT | O_EXCL, old != nullptr ? 0600 : 0666);
+        if (!file.IsOpen() && errno == EEXIST) continue;
+        if (!file.IsOpen()) return Refusal(errno);
+
+        bool ok = old == nullptr || KeepOwnerAndMode(file.Get(), *old);
+        ok = ok && WriteAll(file.Get(), text) && Sync(file.Get());
+        ok = file.Close() && ok;
+        if (ok && renameat(directory, temporary, directory, name) == 0) return Outcome::kDone;
+        const Outcome outcome = ok ? Refusal(errno) : Outcome::kFailed;
+        unlinkat(directory, temporary, 0);
+        return outcome;
+    }
+    return Outcome::kFailed;
+}
+
+bool ReplaceRegular(const std::string& path, const struct stat* old, const std::string& text) {
+    const std::string target = FollowLinks(path);
+    const size_t nameBegin = target.rfind('/') + 1;  // npos + 1 is 0
+    const std::string name = target.substr(nameBegin);
+    if (name.empty()) return false;
+    // Held open, so that all steps meet the same directory; it need not be readable, and no path grows too long.
+    const File directory(AT_FDCWD, nameBegin == 0 ? "." : target.substr(0, nameBegin).c_str(), O_PATH | O_DIRECTORY);
+    if (!directory.IsOpen()) return false;
+    if (old != nullptr && faccessat(directory.Get(), name.c_str(), W_OK, AT_EACCESS) != 0) return false;
+
+    const Outcome outcome = ReplaceByRename(directory.Get(), name.c_str(), old, text);
+    if (outcome == Outcome::kDirectoryRefuses && old != nullptr) {
+        return RewriteInPlace(directory.Get(), name.c_str(), text);
+    }
+    return outcome == Outcome::kDone;
+}
+
+}  // namespace
+
+int ReadFile(const std::string& path, std::string& text) {
+    char resolved[PATH_MAX];
+    if (realpath(path.c_str(), resolved) == nullptr) return RECORD_PATH_ERROR;
+    const File file(AT_FDCWD, resolved, O_RDONLY);
+    return file.IsOpen() && ReadAll(file.Get(), text) ? STATUS_OK : RECORD_OPEN_ERROR;
+}
+
+int ReplaceFile(const std::string& path, const std::string& text) {
+    struct stat old;
+    const bool exists = stat(path.c_str(), &old) == 0;
+    bool done = false;
+    if (exists && !S_ISREG(old.st_mode)) {
+        done = WriteDirectly(path.c_str(), text);
+    } else if (exists || errno == ENOENT) {
+        done = ReplaceRegular(path, exists ? &old : nullptr, text);
+    }
+    return done ? STATUS_OK : RECORD_OPEN_ERROR;
+}
+
+}  // namespace kest_tf
