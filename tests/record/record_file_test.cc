@@ -226,13 +226,13 @@ TEST(RecordFile, Permissions) {
         const std::string file = directory / "record.txt";
         WriteText(file, kOld);
         chmod(file.c_str(), row.file);
-        chmod((directory / ".").c_str(), row.directory);
+        chmod(directory.Path().c_str(), row.directory);
         const int status = AsOrdinaryUser([&] {
             const rlimit limit = {row.maxSize, row.maxSize};
             std::signal(SIGXFSZ, SIG_IGN);
             return setrlimit(RLIMIT_FSIZE, &limit) == 0 ? Update(file) : 98;
         });
-        chmod((directory / ".").c_str(), 0777);
+        chmod(directory.Path().c_str(), 0777);
         chmod(file.c_str(), 0666);
         EXPECT_EQ(row.status, status);
         EXPECT_EQ(status == STATUS_OK ? kNew : kOld, ReadText(file));

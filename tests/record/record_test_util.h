@@ -21,6 +21,7 @@ public:
         if (mkdtemp(path_.data()) == nullptr || chmod(path_.c_str(), 0777) != 0) std::abort();
     }
     ~TempDir() { std::filesystem::remove_all(path_); }
+    const std::string& Path() const { return path_; }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
     long NumFiles() const { return std::distance(std::filesystem::directory_iterator(path_), {}); }
 

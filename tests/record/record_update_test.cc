@@ -71,7 +71,7 @@ TEST(RecordUpdate, EachOperation) {
         EXPECT_EQ(edited + Flat(old), Flat(ReadText(file)));
 
         EXPECT_EQ(RECORD_PATH_ERROR, kUpdates[i]("x", directory / "missing"));
-        EXPECT_EQ(RECORD_OPEN_ERROR, kUpdates[i]("x", directory / "."));
+        EXPECT_EQ(RECORD_OPEN_ERROR, kUpdates[i]("x", directory.Path()));
         WriteText(file, "x: 1 ");
         EXPECT_EQ(RECORD_UNKNOWN_FIELD, kUpdates[i]("x", file));
         EXPECT_EQ("x: 1 ", ReadText(file));
