@@ -87,17 +87,29 @@ KEST_INLINE void AddLosses(const double* x, std::size_t n, double count, ClipLan
     AddPlainLosses<kLanes>(x, n, count, lanes);
 }
 
-/// Adds to the first kLanes lanes and moves on to the next ones.
+/// Adds to numLanes lanes, a multiple of kLaneGroup up to kLanes, in one pass over the elements.
 template <int kLanes, typename T>
-KEST_INLINE void AddToNextLanes(const T* x, std::size_t n, T count, ClipLanes<T>& lanes, int& numLanes,
-                                bool zeroInside) {
-    if (zeroInside) {
-        AddLosses<kLanes>(x, n, count, lanes);
-    } else {
-        AddPlainLosses<kLanes>(x, n, count, lanes);
+KEST_INLINE void AddInOnePass(const T* x, std::size_t n, T count, ClipLanes<T> lanes, int numLanes, bool zeroInside) {
+    if constexpr (kLanes > 0) {
+        if (numLanes < kLanes) {
+            AddInOnePass<kLanes - kLaneGroup>(x, n, count, lanes, numLanes, zeroInside);
+        } else if (zeroInside) {
+            AddLosses<kLanes>(x, n, count, lanes);
+        } else {
+            AddPlainLosses<kLanes>(x, n, count, lanes);
+        }
     }
-    lanes = {lanes.above + kLanes, lanes.below + kLanes, lanes.scale + kLanes, lanes.loss + kLanes};
-    numLanes -= kLanes;
+}
+
+/// Copies the elements that are not zero to `kept` and returns their number.
+template <typename T>
+KEST_INLINE std::size_t KeepNonZero(const T* x, std::size_t n, T* kept) {
+    std::size_t numKept = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        kept[numKept] = x[i];
+        numKept += x[i] != 0;
+    }
+    return numKept;
 }
 
 }  // namespace
@@ -105,26 +117,27 @@ KEST_INLINE void AddToNextLanes(const T* x, std::size_t n, T count, ClipLanes<T>
 template <typename Isa, typename T>
 void IfmrLoops<Isa, T>::AddLoss(const T* x, std::size_t n, T count, ClipLanes<T> lanes, int numLanes, bool zeroInside) {
     constexpr std::size_t kBlock = 2048;  // elements that stay in the first-level cache while all lanes pass over them
+    constexpr int kMaxLanes = 64;         // a pass: more would not fit the registers
+    const int numPasses = (numLanes + kMaxLanes - 1) / kMaxLanes;
+    const int numGroups = numLanes / kLaneGroup;
     T notZero[kBlock];
     for (std::size_t first = 0; first < n; first += kBlock) {
         const T* block = x + first;
         std::size_t size = n - first < kBlock ? n - first : kBlock;
-        if (zeroInside) {
+        int numZeros = 0;
+        for (std::size_t i = 0; i < size; ++i) numZeros += block[i] == 0;
+        if (zeroInside && numZeros > 0) {
             // A zero adds a zero: half of a rectified activation is dropped, and no branch guesses which.
-            std::size_t numKept = 0;
-            for (std::size_t i = 0; i < size; ++i) {
-                notZero[numKept] = block[i];
-                numKept += block[i] != 0;
-            }
+            size = KeepNonZero(block, size, notZero);
             block = notZero;
-            size = numKept;
         }
-        ClipLanes<T> next = lanes;
-        int left = numLanes;
-        while (left >= 64) AddToNextLanes<64>(block, size, count, next, left, zeroInside);
-        if (left >= 32) AddToNextLanes<32>(block, size, count, next, left, zeroInside);
-        if (left >= 16) AddToNextLanes<16>(block, size, count, next, left, zeroInside);
-        if (left >= kLaneGroup) AddToNextLanes<kLaneGroup>(block, size, count, next, left, zeroInside);
+        for (int pass = 0; pass < numPasses; ++pass) {
+            const int begin = numGroups * pass / numPasses * kLaneGroup;
+            const int end = numGroups * (pass + 1) / numPasses * kLaneGroup;
+            AddInOnePass<kMaxLanes>(block, size, count,
+                                    {lanes.above + begin, lanes.below + begin, lanes.scale + begin, lanes.loss + begin},
+                                    end - begin, zeroInside);
+        }
     }
 }
 

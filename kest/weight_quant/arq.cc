@@ -78,7 +78,8 @@ struct GridEnds {
 template <typename T>
 float SymmetricScale(util::Extremes<T> found, const GridEnds& ends) {
     const float extreme = static_cast<float>(std::fabs(found.max) > std::fabs(found.min) ? found.max : found.min);
-    return extreme / (extreme > 0 ? ends.positive : -ends.negative);
+    const float steps = extreme > 0 ? ends.positive : -ends.negative;
+    return extreme / steps;
 }
 
 /// The extremes of the range that an asymmetric grid covers: zero is inside.
@@ -97,25 +98,64 @@ int AsymmetricOffset(util::Extremes<T> range, float scale, const GridEnds& ends)
     return util::SaturateTo<int>(double{util::RoundHalfAway(-range.min / static_cast<T>(scale))} - ends.half);
 }
 
-/// Turns the extremes of channel c into its scale and offset.
+/// Turns the extremes of a channel into its scale and offset.
 template <typename T>
 int SetChannelFactors(util::Extremes<T> found, bool withOffset, const GridEnds& ends, float& scale, int& offset) {
     const util::Extremes<T> range = WidenToZero(found);
     scale = withOffset ? AsymmetricScale(range, ends) : SymmetricScale(found, ends);
-    const bool fit =
-        scale >= FLT_EPSILON && scale <= 1 / FLT_EPSILON;  // what ProcessScale leaves alone, without a call
-    const int status = fit ? STATUS_OK : util::ProcessScale(scale);
+    const int status = util::ProcessScale(scale);
     if (status != STATUS_OK) return status;
     offset = withOffset ? AsymmetricOffset(range, scale, ends) : 0;
     return STATUS_OK;
 }
 
-/// Calls use(c, extremes of channel c) for every channel in order until it returns a failure.
+/// SetChannelFactors for channels in order until one fails. The common case, symmetric with scales that ProcessScale
+/// would leave alone, takes no call and no branch a channel.
+template <typename T>
+int SetFactors(const T* min, const T* max, std::size_t numChannels, bool withOffset, const GridEnds& ends, float* scale,
+               int* offset) {
+    constexpr std::size_t kChunk = 256;
+    float found[kChunk];
+    for (std::size_t first = 0; first < numChannels; first += kChunk) {
+        const std::size_t count = std::min(kChunk, numChannels - first);
+        int numFit = 0;
+        if (!withOffset) {
+            for (std::size_t c = 0; c < count; ++c)
+                found[c] = SymmetricScale(util::Extremes<T>{min[first + c], max[first + c]}, ends);
+            for (std::size_t c = 0; c < count; ++c) numFit += (found[c] >= FLT_EPSILON) & (found[c] <= 1 / FLT_EPSILON);
+        }
+        if (numFit == static_cast<int>(count)) {
+            std::copy_n(found, count, scale + first);
+            std::fill_n(offset + first, count, 0);
+            continue;
+        }
+        for (std::size_t c = first; c < first + count; ++c) {
+            const int status =
+                SetChannelFactors(util::Extremes<T>{min[c], max[c]}, withOffset, ends, scale[c], offset[c]);
+            if (status != STATUS_OK) return status;
+        }
+    }
+    return STATUS_OK;
+}
+
+/// Calls use(first, n, minima, maxima) for runs of n channels in order until it returns a failure.
 template <typename T, typename Use>
 int ForEachContiguousChannel(const T* data, std::size_t length, std::size_t numChannels, Use use) {
+    constexpr std::size_t kRun = 64;
     const std::size_t channelLength = numChannels > 0 ? length / numChannels : 0;
-    for (std::size_t c = 0; c < numChannels; ++c) {
-        const int status = use(c, util::FindExtremes(data + c * channelLength, channelLength));
+    T min[kRun];
+    T max[kRun];
+    for (std::size_t first = 0; first < numChannels; first += kRun) {
+        const std::size_t count = std::min(kRun, numChannels - first);
+        util::DispatchIsa([&](auto isa) {
+            for (std::size_t c = 0; c < count; ++c) {
+                const T* channel = data + (first + c) * channelLength;
+                const auto found = util::ArrayLoops<decltype(isa), T>::FindExtremes(channel, channelLength);
+                min[c] = found.min;
+                max[c] = found.max;
+            }
+        });
+        const int status = use(first, count, min, max);
         if (status != STATUS_OK) return status;
     }
     return STATUS_OK;
@@ -146,10 +186,8 @@ int ForEachInnermostChannel(const T* data, std::size_t length, std::size_t numCh
             Loops::FindColumnExtremes(data + numRows * stride + first, 1, stride, tail, min, max);
             Loops::FoldColumnExtremes(repeats, channels, min, max);
         });
-        for (std::size_t c = 0; c < channels; ++c) {
-            const int status = use(first + c, util::Extremes<T>{min[c], max[c]});
-            if (status != STATUS_OK) return status;
-        }
+        const int status = use(first, channels, min, max);
+        if (status != STATUS_OK) return status;
     }
     return STATUS_OK;
 }
@@ -180,8 +218,8 @@ template <typename T>
 int WtsArqCalibrationCpuKernel(const T* data, unsigned int length, const ArqParam& arqParam,
                                const util::FloatData& scale, const util::IntData& offset, util::WeightFormat format) {
     const GridEnds ends(arqParam.numBits);
-    const auto setFactors = [&](std::size_t c, util::Extremes<T> found) {
-        return SetChannelFactors(found, arqParam.withOffset, ends, scale.data[c], offset.data[c]);
+    const auto setFactors = [&](std::size_t first, std::size_t numChannels, const T* min, const T* max) {
+        return SetFactors(min, max, numChannels, arqParam.withOffset, ends, scale.data + first, offset.data + first);
     };
     const int status = format == util::CO_CI_KH_KW ? ForEachContiguousChannel(data, length, scale.length, setFactors)
                                                    : ForEachInnermostChannel(data, length, scale.length, setFactors);
@@ -246,18 +284,23 @@ void ArqClipAndQuantKhKwCiCo(const T* in, T* out, unsigned int length, int numBi
     // The factors of a run of elements, laid out as the elements are: whole periods of the channels, or part of one.
     float columnScale[kMaxColumns];
     int columnOffset[kMaxColumns];
-    const std::size_t stride = scale.length * std::max<std::size_t>(1, kMaxColumns / scale.length);
+    const std::size_t wanted = std::min<std::size_t>(kGoodColumns, length) / scale.length;
+    const std::size_t stride = scale.length * std::max<std::size_t>(1, wanted);
     for (std::size_t first = 0; first < stride; first += kMaxColumns) {
         const std::size_t width = std::min(kMaxColumns, stride - first);
+        bool small = true;
+        std::size_t c = first % scale.length;
         for (std::size_t i = 0; i < width; ++i) {
-            const std::size_t c = (first + i) % scale.length;
             columnScale[i] = scale.data[c];
             columnOffset[i] = offset.data[c];
+            small &= util::MovedBoundsAreSmall(grid, columnOffset[i]);
+            c = c + 1 < scale.length ? c + 1 : 0;
         }
         util::DispatchIsa([&](auto isa) {
             for (std::size_t i = first; i < length; i += stride) {
                 const std::size_t count = std::min<std::size_t>(width, length - i);
-                ArqLoops<decltype(isa), T>::FakeQuantColumns(in + i, out + i, count, columnScale, columnOffset, grid);
+                ArqLoops<decltype(isa), T>::FakeQuantColumns(in + i, out + i, count, columnScale, columnOffset, grid,
+                                                             small);
             }
         });
     }

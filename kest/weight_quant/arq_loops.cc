@@ -57,9 +57,7 @@ void ArqLoops<Isa, T>::FoldColumnExtremes(std::size_t numGroups, std::size_t wid
 
 template <typename Isa, typename T>
 void ArqLoops<Isa, T>::FakeQuantColumns(const T* x, T* out, std::size_t n, const float* scale, const int* offset,
-                                        util::Grid grid) {
-    bool small = true;
-    for (std::size_t i = 0; i < n; ++i) small &= util::MovedBoundsAreSmall(grid, offset[i]);
+                                        util::Grid grid, bool small) {
     if (small) {
         KEST_IVDEP
         for (std::size_t i = 0; i < n; ++i) {

@@ -18,9 +18,9 @@ struct ArqLoops {
     static void FoldColumnExtremes(std::size_t numGroups, std::size_t width, T* min, T* max);
 
     /// Fake-quantises n elements of a channel-innermost tensor, each with its own scale and offset. Any values, a NaN
-    /// quotient has code 0; `out` may be `x`.
+    /// quotient has code 0; `out` may be `x`. `small`: MovedBoundsAreSmall holds for each offset.
     static void FakeQuantColumns(const T* x, T* out, std::size_t n, const float* scale, const int* offset,
-                                 util::Grid grid);
+                                 util::Grid grid, bool small);
 
     /// Codes of one channel, one signed byte each. Any values, a NaN quotient has code 0.
     static void Quant(const T* x, char* out, std::size_t n, float scale, int offset, util::Grid grid);
