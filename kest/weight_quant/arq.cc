@@ -17,9 +17,8 @@
 namespace KestCommon {
 namespace {
 
-constexpr unsigned int kMaxNumBits = 31;    // the widest grid whose bounds fit 32-bit integers
-constexpr std::size_t kMaxColumns = 4096;   // worked on at once, their state on the stack
-constexpr std::size_t kGoodColumns = 2048;  // long rows are fetched ahead best, a small state stays in the cache
+constexpr unsigned int kMaxNumBits = 31;   // the widest grid whose bounds fit 32-bit integers
+constexpr std::size_t kMaxColumns = 4096;  // worked on at once, their state on the stack
 
 template <typename T>
 int CheckArqParams(const T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
@@ -162,14 +161,17 @@ int ForEachContiguousChannel(const T* data, std::size_t length, std::size_t numC
 }
 
 /// The same for a tensor whose channel is innermost: one pass over the data with the extremes of all columns (of up
-/// to kMaxColumns at once). Few channels are repeated side by side, up to kGoodColumns.
+/// to kMaxColumns at once). Few channels are repeated side by side: in the cache short rows with a small state are
+/// best, from memory long rows, which are fetched ahead.
 template <typename T, typename Use>
 int ForEachInnermostChannel(const T* data, std::size_t length, std::size_t numChannels, Use use) {
     if (numChannels == 0) return STATUS_OK;
     constexpr std::size_t kMinRows = 8;  // of a small tensor, so that setting up and folding cost less than the pass
     T min[kMaxColumns];
     T max[kMaxColumns];
-    const std::size_t wanted = std::min(kGoodColumns, length / kMinRows) / numChannels;
+    constexpr std::size_t kCached = std::size_t{16} << 20;  // bytes
+    const std::size_t goodColumns = length * sizeof(T) <= kCached ? 512 : 2048;
+    const std::size_t wanted = std::min(goodColumns, length / kMinRows) / numChannels;
     const std::size_t repeats = std::max<std::size_t>(1, wanted);
     const std::size_t stride = numChannels * repeats;
     const std::size_t numRows = length / stride;
@@ -284,7 +286,7 @@ void ArqClipAndQuantKhKwCiCo(const T* in, T* out, unsigned int length, int numBi
     // The factors of a run of elements, laid out as the elements are: whole periods of the channels, or part of one.
     float columnScale[kMaxColumns];
     int columnOffset[kMaxColumns];
-    const std::size_t wanted = std::min<std::size_t>(kGoodColumns, length) / scale.length;
+    const std::size_t wanted = std::min<std::size_t>(kMaxColumns / 2, length) / scale.length;
     const std::size_t stride = scale.length * std::max<std::size_t>(1, wanted);
     for (std::size_t first = 0; first < stride; first += kMaxColumns) {
         const std::size_t width = std::min(kMaxColumns, stride - first);
