@@ -19,8 +19,8 @@
 namespace KestCommon {
 namespace {
 
-constexpr unsigned int kMaxNumBits = 31;  // the widest grid whose bounds fit 32-bit integers
-constexpr double kWorthwhile = 1 << 17;   // terms below which the search stays on one thread, some 20 microseconds
+constexpr unsigned int kMaxNumRatios = 1u << 24;  // beyond, k is no float and neighbours share a ratio
+constexpr double kWorthwhile = 1 << 17;  // terms below which the search stays on one thread, some 20 microseconds
 
 /// The larger of the two bounds by magnitude, with its sign; the negative one on a tie.
 template <typename T>
@@ -225,9 +225,9 @@ int CheckSearchGrid(unsigned int length, const IfmrParam& ifmrParam) {
         return STATUS_BAD_PARAM;
     }
     const unsigned int numRatios = CountRatios(ifmrParam);
-    if (numRatios == 0 || numRatios > INT_MAX) {
-        LOG_ERROR("%u clip ratios from %f to %f, it should be 1 to %d.\n", numRatios, ifmrParam.startRatio,
-                  ifmrParam.endRatio, INT_MAX);
+    if (numRatios == 0 || numRatios > kMaxNumRatios) {
+        LOG_ERROR("%u clip ratios from %f to %f, it should be 1 to %u.\n", numRatios, ifmrParam.startRatio,
+                  ifmrParam.endRatio, kMaxNumRatios);
         return STATUS_BAD_PARAM;
     }
     return STATUS_OK;
@@ -293,8 +293,8 @@ int IfmrQuantInternel(T* data, unsigned int length, const IfmrParam& ifmrParam, 
         LOG_ERROR("ifmrParam.calibration = %u.\n", ifmrParam.calibration);
         return STATUS_BAD_PARAM;
     }
-    if (ifmrParam.numBits > kMaxNumBits) {
-        LOG_ERROR("ifmrParam.numBits = %u, it should not be greater than %u.\n", ifmrParam.numBits, kMaxNumBits);
+    if (ifmrParam.numBits > util::kMaxNumBits) {
+        LOG_ERROR("ifmrParam.numBits = %u, it should not be greater than %u.\n", ifmrParam.numBits, util::kMaxNumBits);
         return STATUS_BAD_PARAM;
     }
     return ifmrParam.calibration == 1 ? IfmrQuantInference(data, length, ifmrParam, scale, offset)

@@ -46,7 +46,7 @@ struct MaxMinValue {
 /// bits before the offset is added, and NaN counts as 0.
 ///
 /// Ties between ratios go to the smaller one. A ratio is left out of the search if its scale is infinite or above 2^23
-/// (2^52 for double data) or, with offset, negative; each prints a log line although the calibration may succeed. If
+/// (2^52 for double data), which prints log lines although the calibration may succeed, or, with offset, negative. If
 /// none remains the first one goes on to the final scale. Values beyond a percentile may be infinite: then all errors
 /// are, and the first ratio wins. The final offset is computed in 64-bit integers and saturates.
 ///
@@ -54,17 +54,23 @@ struct MaxMinValue {
 /// memory for the ratios, and for up to eight times as many values as lie beyond a percentile.
 ///
 /// Each failure has log lines that name the step. Nothing is written on a failure, but that a rejected final scale
-/// stays in scale.data[0]. In this order:
-///   STATUS_BAD_PARAM      `data` null; scale or offset not of length 1 (their arrays are trusted); calibration above
-///   1;
-///                         numBits above 31; when calibrating also: `length` 0, `step` not positive or not finite,
-///                         `endRatio` below `startRatio` or either not finite, more than 2^31 - 1 ratios
-///   STATUS_SCALE_ERROR    a percentile above 1
-///   STATUS_BAD_PARAM      NaN among the values
-///   STATUS_GENERIC_ERROR  numBits 0, or 1 without offset and a maximum above |minimum|: a grid without a step
-///   STATUS_SCALE_ERROR    a final scale that is infinite or above 2^23; numBits 1 without offset otherwise
-/// When fake-quantising, after the first line only: STATUS_SCALE_ERROR for a scale below 2^-52, zero and negative ones
-/// included.
+/// stays in scale.data[0]. The checks, in order:
+///
+/// - STATUS_BAD_PARAM: `data` null; scale or offset not of length 1 (their arrays are trusted); calibration above 1;
+///   numBits above 31.
+///
+/// Then, when calibrating:
+///
+/// - STATUS_BAD_PARAM: `length` 0; `step` not positive or not finite; `endRatio` below `startRatio` or either not
+///   finite; more than 2^24 ratios.
+/// - STATUS_SCALE_ERROR: a percentile above 1.
+/// - STATUS_BAD_PARAM: NaN among the values.
+/// - STATUS_GENERIC_ERROR: numBits 0, or 1 without offset and a maximum above |minimum|: a grid without a step.
+/// - STATUS_SCALE_ERROR: a final scale that is infinite or above 2^23; numBits 1 without offset otherwise.
+///
+/// Or, when fake-quantising:
+///
+/// - STATUS_SCALE_ERROR: a scale below 2^-52, zero and negative ones included.
 KEST_EXPORT int IfmrQuant(float* data, unsigned int length, const IfmrParam& ifmrParam, const util::FloatData& scale,
                           const util::IntData& offset);
 KEST_EXPORT int IfmrQuant(double* data, unsigned int length, const IfmrParam& ifmrParam, const util::FloatData& scale,
@@ -128,7 +134,8 @@ struct KEST_EXPORT QuantIfmrFunctor;
 /// STATUS_BAD_PARAM.
 ///
 /// The first call reserves room for batchNum batches of its length, and throws std::bad_alloc, nothing appended, where
-/// there is none. Neither the counter nor `accumulated` is ever reset here. Calls that share them must not overlap.
+/// there is none (the call is counted). Neither the counter nor `accumulated` is ever reset here. Calls that share them
+/// must not overlap.
 template <>
 struct KEST_EXPORT QuantIfmrFunctor<util::ThreadPoolDevice, float> {
     int operator()(kest_tf::IfmrParam ifmrParam, int& batchIndex, int& batchNum, InputParam<float>& input,

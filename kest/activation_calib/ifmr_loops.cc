@@ -4,6 +4,8 @@
 #include <kest/kernel_frame/isa.h>
 #include <kest/kernel_frame/rounding.h>
 
+#include <cstdint>
+
 // The loss of a clip range [-b, a] with scale s over N elements, summed in element order:
 //
 //   y = clamp(x, -b, a),  e = round(y / s) * s - x,  loss += e * e / N
@@ -119,7 +121,7 @@ void IfmrLoops<Isa, T>::AddLoss(const T* x, std::size_t n, T count, ClipLanes<T>
     constexpr std::size_t kBlock = 2048;  // elements that stay in the first-level cache while all lanes pass over them
     constexpr int kMaxLanes = 64;         // a pass: more would not fit the registers
     const int numPasses = (numLanes + kMaxLanes - 1) / kMaxLanes;
-    const int numGroups = numLanes / kLaneGroup;
+    const int64_t numGroups = numLanes / kLaneGroup;
     T notZero[kBlock];
     for (std::size_t first = 0; first < n; first += kBlock) {
         const T* block = x + first;
@@ -132,8 +134,8 @@ void IfmrLoops<Isa, T>::AddLoss(const T* x, std::size_t n, T count, ClipLanes<T>
             block = notZero;
         }
         for (int pass = 0; pass < numPasses; ++pass) {
-            const int begin = numGroups * pass / numPasses * kLaneGroup;
-            const int end = numGroups * (pass + 1) / numPasses * kLaneGroup;
+            const int begin = static_cast<int>(numGroups * pass / numPasses) * kLaneGroup;
+            const int end = static_cast<int>(numGroups * (pass + 1) / numPasses) * kLaneGroup;
             AddInOnePass<kMaxLanes>(block, size, count,
                                     {lanes.above + begin, lanes.below + begin, lanes.scale + begin, lanes.loss + begin},
                                     end - begin, zeroInside);

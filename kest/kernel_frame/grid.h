@@ -15,6 +15,8 @@
 
 namespace util {
 
+constexpr unsigned int kMaxNumBits = 31;  // the widest grid whose bounds fit 32-bit integers
+
 /// The signed integer grid [low, high] of `numBits` bits: 8 bits give [-128, 127]. Widths above 31 saturate.
 struct Grid {
     int low;

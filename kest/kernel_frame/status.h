@@ -10,9 +10,8 @@ constexpr int STATUS_OK = 0;
 constexpr int STATUS_GENERIC_ERROR = -65536;  // 0xFFFF0000: a calibration step cannot produce a result
 constexpr int STATUS_BAD_PARAM = -65530;      // 0xFFFF0006: invalid arguments
 constexpr int STATUS_FILE_ERROR = -65529;     // 0xFFFF0007: invalid path, open, stat or close failure, empty file
-constexpr int STATUS_RUNTIME_ERROR =
-    -65528;                                 // 0xFFFF0008: allocation, read, write or reposition failure, key not found
-constexpr int STATUS_SCALE_ERROR = -65519;  // 0xFFFF0011: an illegal scale
+constexpr int STATUS_RUNTIME_ERROR = -65528;  // 0xFFFF0008: allocation, read or write failure, key not found
+constexpr int STATUS_SCALE_ERROR = -65519;    // 0xFFFF0011: an illegal scale
 
 // Record files and value checks: small and positive.
 constexpr int DEQ_SCALE_ERROR = 2;        // a dequantisation scale that is zero, subnormal or infinite

@@ -145,6 +145,6 @@ int ComputeDeqScale(T* deqScale, const T* scaleW, T scaleD, int length) {
     return STATUS_OK;
 }
 
-template int ComputeDeqScale<float>(float* deqScale, const float* scaleW, float scaleD, int length);
+template KEST_EXPORT int ComputeDeqScale<float>(float* deqScale, const float* scaleW, float scaleD, int length);
 
 }  // namespace KestTfOp

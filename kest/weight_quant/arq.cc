@@ -17,7 +17,6 @@
 namespace KestCommon {
 namespace {
 
-constexpr unsigned int kMaxNumBits = 31;   // the widest grid whose bounds fit 32-bit integers
 constexpr std::size_t kMaxColumns = 4096;  // worked on at once, their state on the stack
 
 template <typename T>
@@ -55,8 +54,8 @@ int CheckArqParams(const T* data, unsigned int length, const ArqParam& arqParam,
         LOG_ERROR("arqParam.numBits = %u, it should be greater than 2.\n", arqParam.numBits);
         return STATUS_BAD_PARAM;
     }
-    if (arqParam.numBits > kMaxNumBits) {
-        LOG_ERROR("arqParam.numBits = %u, it should not be greater than %u.\n", arqParam.numBits, kMaxNumBits);
+    if (arqParam.numBits > util::kMaxNumBits) {
+        LOG_ERROR("arqParam.numBits = %u, it should not be greater than %u.\n", arqParam.numBits, util::kMaxNumBits);
         return STATUS_BAD_PARAM;
     }
     return STATUS_OK;
@@ -228,6 +227,8 @@ int WtsArqCalibrationCpuKernel(const T* data, unsigned int length, const ArqPara
     if (status != STATUS_OK) LOG_ERROR("ArqQuantCPU scale is illegal.\n");
     return status;
 }
+
+// ArqQuant and the two plain entries are the same steps, each with log lines that bear its own name.
 
 template <typename T>
 int ArqQuant(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,

@@ -82,7 +82,7 @@ template <typename T>
 KEST_EXPORT int ArqQuantRealKernel(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
                                    const util::IntData& offset, char* out);
 
-/// ArqQuantRealKernel under its older name.
+/// The same as ArqQuantRealKernel.
 template <typename T>
 KEST_EXPORT int ArqQuantReal(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
                              const util::IntData& offset, char* out);

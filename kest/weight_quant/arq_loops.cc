@@ -21,8 +21,7 @@ KEST_INLINE T MovedCodeOf(T quotient, T offset, util::Grid grid) {
 template <typename Isa, typename T>
 void ArqLoops<Isa, T>::FindColumnExtremes(const T* x, std::size_t rows, std::size_t stride, std::size_t width,
                                           T* __restrict min, T* __restrict max) {
-    constexpr std::size_t kRows =
-        4;  // streams that the processor fetches ahead, a pass over the extremes for each four
+    constexpr std::size_t kRows = 4;  // streams that the processor fetches ahead
     for (; rows >= kRows; rows -= kRows, x += kRows * stride) {
         for (std::size_t c = 0; c < width; ++c) {
             T low = min[c];

@@ -254,6 +254,16 @@ TEST(Ifmr, FailuresAreNamedAndWriteNothing) {
         }));
 }
 
+TEST(Ifmr, AMillionRatios) {
+    // 2^20 groups of lanes: their share of a pass is no 32-bit product. Scale 1 quantises without an error.
+    std::vector<float> data{0, 255};
+    const IfmrParam grid{0, 8, true, 0, 1, 1.0f / (1 << 23), 1, 1};
+    omp_set_num_threads(1);
+    const Factors factors = Calibrate(data, grid);
+    omp_set_num_threads(omp_get_num_procs());
+    ExpectFactors(1, -128, factors);
+}
+
 TEST(Ifmr, ASkippedRatioLeavesTheSearchAndAllSkippedFailAtTheEnd) {
     // 2^23 * 255 is the largest bound: the ratio 1 is fine, 2 is too large.
     std::vector<float> data{0, 8388608.0f * 255};

@@ -83,6 +83,7 @@ constexpr ValueField Field(std::string_view name, FieldType type) {
             }};
 }
 
+// In the order of the file. The schema in record_proto.cc names the same fields.
 constexpr ValueField kValueFields[] = {Field<FloatData>("scale_d", FIELD_FLOAT),
                                        Field<IntData>("offset_d", FIELD_INT),
                                        Field<FloatListData>("scale_w", FIELD_FLOAT_LIST),

@@ -20,11 +20,11 @@
 //            skip_fusion: bool, dst_type: string, tensor_balance_factor: float*      (* repeated, one item a line)
 //
 // Fields come in any order; the last occurrence of a scalar decides, and so does the last key or value of a record (a
-// second value block replaces the first). Any field but a block may be written in either form, and what stands between
-// a name and its colon is skipped. Numbers are read as an input stream in the classic locale reads them, whatever
-// locale the process has set: 3.7 is the int 3, a number out of range becomes the nearest limit, -1 the largest
-// unsigned long, no number 0; inf and nan are no numbers. A bool is true for "true" alone. A string is what stands
-// between the first and the last double quote of its token, after a single one, or all of the token.
+// second value block replaces the first). A scalar field may be written as a block and prune_record as a scalar, and
+// what stands between a name and its colon is skipped. Numbers are read as an input stream in the classic locale reads
+// them, whatever locale the process has set: 3.7 is the int 3, a number out of range becomes the nearest limit, -1 the
+// largest unsigned long, no number 0; inf and nan are no numbers. A bool is true for "true" alone. A string is what
+// stands between the first and the last double quote of its token, after a single one, or all of the token.
 //
 // A block parser (Proto and the classes with a schema) reads each occurrence of a field into the field's scratch node
 // and merges that into its target. The order of fields and virtual functions is part of the binary interface.

@@ -22,10 +22,9 @@
 // Two spaces a level, one line a value, a line feed at the end of each; the fields of a value block in their fixed
 // order; all records before all prune records. What has no value is left out: a number or bool by its flag, a string
 // when it is empty (its flag does not count), a block when neither its own flag nor one below it is set (the parser
-// sets the flag of each value block, so an empty one is written back as such). Floats have nine significant digits in
-// printf's
-// %.9g form (%f in a plain ListData<float>), which identifies each finite one; inf, -inf and nan (of either sign) read
-// back as 0. The locale of the process has no influence. Read back, the text gives the same values, as long as no
+// sets the flag of each value block, so an empty one is written back as such). Floats have nine significant digits,
+// printf's %.9g (%f in a plain ListData<float>), which identify each finite one; inf, -inf and nan (of either sign)
+// read back as 0. The locale of the process has no influence. Read back, the text gives the same values, as long as no
 // string holds whitespace or a double quote.
 
 namespace kest_tf {
@@ -36,8 +35,8 @@ namespace kest_tf {
 /// did not. The text goes to a temporary file beside the target, which takes over the target's mode (and owner where
 /// allowed), is synced and renamed over it; nothing is left behind. A symbolic link stays and its target is replaced.
 /// A file that may not be written is refused. In a directory that takes no new file the file is overwritten in place,
-/// and its old bytes are put back on a failure. What is no regular file (a pipe, a device) is written to directly.
-/// No lock is taken. May throw std::bad_alloc, with the file as it was.
+/// and its old bytes are put back on a failure, where that is possible. What is no regular file (a pipe, a device) is
+/// written to directly. No lock is taken. May throw std::bad_alloc, with the file as it was.
 KEST_EXPORT int WriteToRecordFile(InnerData& root, const std::string& path);
 
 }  // namespace kest_tf
