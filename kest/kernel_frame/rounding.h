@@ -20,11 +20,13 @@ KEST_INLINE double RoundHalfAway(double x) {
 /// Truncates toward zero; what Int cannot hold becomes its nearest limit, NaN becomes 0.
 template <typename Int, typename T>
 KEST_INLINE Int SaturateTo(T x) {
+    constexpr Int kMin = std::numeric_limits<Int>::min();
+    constexpr Int kMax = std::numeric_limits<Int>::max();
     // Both bounds as T: the lower one is exact, the upper one is exact or rounds to the first value too large.
-    constexpr T kLow = static_cast<T>(std::numeric_limits<Int>::min());
-    constexpr T kHigh = static_cast<T>(std::numeric_limits<Int>::max());
-    if (x >= kHigh) return std::numeric_limits<Int>::max();
-    if (x <= kLow) return std::numeric_limits<Int>::min();
+    constexpr T kLow = static_cast<T>(kMin);
+    constexpr T kHigh = static_cast<T>(kMax);
+    if (x >= kHigh) return kMax;
+    if (x <= kLow) return kMin;
     return x == x ? static_cast<Int>(x) : 0;
 }
 
