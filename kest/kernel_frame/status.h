@@ -14,10 +14,12 @@ constexpr int STATUS_RUNTIME_ERROR = -65528;  // 0xFFFF0008: allocation, read or
 constexpr int STATUS_SCALE_ERROR = -65519;    // 0xFFFF0011: an illegal scale
 
 // Record files and value checks: small and positive.
-constexpr int DEQ_SCALE_ERROR = 2;        // a dequantisation scale that is zero, subnormal or infinite
-constexpr int RECORD_PATH_ERROR = 5;      // the record file's path cannot be resolved
-constexpr int RECORD_OPEN_ERROR = 6;      // the record file cannot be opened, read or written
-constexpr int RECORD_DATA_ERROR = 13;     // null, missing or mistyped data in the value tree, or a failed allocation
-constexpr int RECORD_UNKNOWN_FIELD = 14;  // a field name that the schema does not know
+constexpr int DEQ_SCALE_ERROR = 2;         // a dequantisation scale that is zero, subnormal or infinite
+constexpr int RECORD_PATH_ERROR = 5;       // the record file's path cannot be resolved
+constexpr int RECORD_OPEN_ERROR = 6;       // the record file cannot be opened, read or written
+constexpr int EMPTY_INPUT_ERROR = 8;       // no elements, or no bins to count them in
+constexpr int RECORD_DATA_ERROR = 13;      // null, missing or mistyped data in the value tree, or a failed allocation
+constexpr int RECORD_UNKNOWN_FIELD = 14;   // a field name that the schema does not know
+constexpr int EMPTY_CONTAINER_ERROR = 15;  // no channels, no histogram
 
 #endif  // KEST_KERNEL_FRAME_STATUS_H_

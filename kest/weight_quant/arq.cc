@@ -8,6 +8,7 @@
 #include <kest/kernel_frame/rounding.h>
 #include <kest/kernel_frame/scale.h>
 #include <kest/weight_quant/arq_loops.h>
+#include <kest/weight_quant/columns.h>
 
 #include <algorithm>
 #include <cfloat>
@@ -16,8 +17,6 @@
 
 namespace KestCommon {
 namespace {
-
-constexpr std::size_t kMaxColumns = 4096;  // worked on at once, their state on the stack
 
 template <typename T>
 int CheckArqParams(const T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
@@ -159,40 +158,6 @@ int ForEachContiguousChannel(const T* data, std::size_t length, std::size_t numC
     return STATUS_OK;
 }
 
-/// The same for a tensor whose channel is innermost: one pass over the data with the extremes of all columns (of up
-/// to kMaxColumns at once). Few channels are repeated side by side: in the cache short rows with a small state are
-/// best, from memory long rows, which are fetched ahead.
-template <typename T, typename Use>
-int ForEachInnermostChannel(const T* data, std::size_t length, std::size_t numChannels, Use use) {
-    if (numChannels == 0) return STATUS_OK;
-    constexpr std::size_t kMinRows = 8;  // of a small tensor, so that setting up and folding cost less than the pass
-    T min[kMaxColumns];
-    T max[kMaxColumns];
-    constexpr std::size_t kCached = std::size_t{16} << 20;  // bytes
-    const std::size_t goodColumns = length * sizeof(T) <= kCached ? 512 : 2048;
-    const std::size_t wanted = std::min(goodColumns, length / kMinRows) / numChannels;
-    const std::size_t repeats = std::max<std::size_t>(1, wanted);
-    const std::size_t stride = numChannels * repeats;
-    const std::size_t numRows = length / stride;
-    const std::size_t tailLength = length % stride;
-    for (std::size_t first = 0; first < stride; first += kMaxColumns) {
-        const std::size_t width = std::min(kMaxColumns, stride - first);
-        const std::size_t tail = std::min(width, tailLength - std::min(first, tailLength));
-        const std::size_t channels = width / repeats;
-        std::fill_n(min, width, static_cast<T>(FLT_MAX));
-        std::fill_n(max, width, static_cast<T>(-FLT_MAX));
-        util::DispatchIsa([&](auto isa) {
-            using Loops = ArqLoops<decltype(isa), T>;
-            Loops::FindColumnExtremes(data + first, numRows, stride, width, min, max);
-            Loops::FindColumnExtremes(data + numRows * stride + first, 1, stride, tail, min, max);
-            Loops::FoldColumnExtremes(repeats, channels, min, max);
-        });
-        const int status = use(first, channels, min, max);
-        if (status != STATUS_OK) return status;
-    }
-    return STATUS_OK;
-}
-
 /// Fake-quantises a CO_CI_KH_KW tensor with the factors that were calibrated from it.
 template <typename T>
 void ArqFakeQuantInPlace(T* data, unsigned int length, const ArqParam& arqParam, const util::FloatData& scale,
@@ -284,29 +249,20 @@ void ArqClipAndQuantKhKwCiCo(const T* in, T* out, unsigned int length, int numBi
                              const util::IntData& offset) {
     if (scale.length == 0) return;
     const util::Grid grid = util::SignedGrid(numBits);
-    // The factors of a run of elements, laid out as the elements are: whole periods of the channels, or part of one.
     float columnScale[kMaxColumns];
     int columnOffset[kMaxColumns];
-    const std::size_t wanted = std::min<std::size_t>(kMaxColumns / 2, length) / scale.length;
-    const std::size_t stride = scale.length * std::max<std::size_t>(1, wanted);
-    for (std::size_t first = 0; first < stride; first += kMaxColumns) {
-        const std::size_t width = std::min(kMaxColumns, stride - first);
-        bool small = true;
-        std::size_t c = first % scale.length;
-        for (std::size_t i = 0; i < width; ++i) {
-            columnScale[i] = scale.data[c];
-            columnOffset[i] = offset.data[c];
-            small &= util::MovedBoundsAreSmall(grid, columnOffset[i]);
-            c = c + 1 < scale.length ? c + 1 : 0;
-        }
+    bool small = true;
+    const auto setColumn = [&](std::size_t column, std::size_t c) {
+        columnScale[column] = scale.data[c];
+        columnOffset[column] = offset.data[c];
+        small &= util::MovedBoundsAreSmall(grid, offset.data[c]);
+    };
+    ForEachColumnRun(length, scale.length, setColumn, [&](std::size_t first, std::size_t count) {
         util::DispatchIsa([&](auto isa) {
-            for (std::size_t i = first; i < length; i += stride) {
-                const std::size_t count = std::min<std::size_t>(width, length - i);
-                ArqLoops<decltype(isa), T>::FakeQuantColumns(in + i, out + i, count, columnScale, columnOffset, grid,
-                                                             small);
-            }
+            ArqLoops<decltype(isa), T>::FakeQuantColumns(in + first, out + first, count, columnScale, columnOffset,
+                                                         grid, small);
         });
-    }
+    });
 }
 
 #define INSTANTIATE(T)                                                                                              \
