@@ -1,0 +1,38 @@
+#ifndef KEST_ACTIVATION_CALIB_HFMG_LOOPS_H_
+#define KEST_ACTIVATION_CALIB_HFMG_LOOPS_H_
+
+#include <kest/activation_calib/hfmg.h>
+#include <kest/kernel_frame/isa.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace KestCommon {
+
+constexpr std::size_t kBinCounts = 4;  // counts for each bin, to be added up
+
+/// Candidate clip ranges that are evaluated together, a lane each.
+constexpr int kRangeLanes = 16;
+template <typename T>
+struct RangeLanes {
+    int32_t firstBin[kRangeLanes];
+    T levelWidth[kRangeLanes];
+    float loss[kRangeLanes];
+};
+
+/// The passes of HFMG, one instance for each instruction set (isa.h).
+template <typename Isa, typename T>
+struct HfmgLoops {
+    /// Adds 1, for each of n values, to one of the kBinCounts counts of its bin j, from counts[kBinCounts * j] on:
+    /// j = floor((x - minValue) / width), 0 for NaN and negative quotients, numBins - 1 beyond. width >= 2^-23, numBins
+    /// 1 to 2^31 - 1.
+    static void Count(const T* x, std::size_t n, T minValue, T width, int numBins, unsigned int* counts);
+
+    /// Adds the loss of all bins, `width` wide, to each lane.
+    static void AddLoss(const DataBin<T>* bins, std::size_t numBins, T width, unsigned int numLevels,
+                        RangeLanes<T>& lanes);
+};
+
+}  // namespace KestCommon
+
+#endif  // KEST_ACTIVATION_CALIB_HFMG_LOOPS_H_

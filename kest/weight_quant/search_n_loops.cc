@@ -1,0 +1,133 @@
+#include <kest/weight_quant/search_n_loops.h>
+
+#include <kest/kernel_frame/grid.h>
+#include <kest/kernel_frame/rounding.h>
+
+#include <cstdint>
+
+namespace KestCommon {
+namespace {
+
+constexpr std::size_t kBlock = 256;  // quotients that are computed at once
+constexpr int kLow = -32768;         // what 16 bits hold
+constexpr int kHigh = 32767;
+
+KEST_INLINE float Floor(float x) {
+    return __builtin_floorf(x);
+}
+KEST_INLINE double Floor(double x) {
+    return __builtin_floor(x);
+}
+KEST_INLINE float Fma(float a, float b, float c) {
+    return __builtin_fmaf(a, b, c);
+}
+KEST_INLINE double Fma(double a, double b, double c) {
+    return __builtin_fma(a, b, c);
+}
+
+/// What a shift makes of q, less q; `shifted` is q / factor.
+template <typename T>
+KEST_INLINE T ErrorOf(T q, T shifted, T factor) {
+    return Fma(util::Clamp(Floor(shifted), T{kLow}, T{kHigh}), factor, -q);
+}
+
+/// Wraps in 32 bits where the factor is beyond 65536.
+KEST_INLINE double SquaredError(int x, int quotient, int factor) {
+    const int clamped = quotient < kLow ? kLow : (quotient > kHigh ? kHigh : quotient);
+    const uint32_t shifted = static_cast<uint32_t>(clamped) * static_cast<uint32_t>(factor);
+    const double error = static_cast<int32_t>(shifted - static_cast<uint32_t>(x));
+    return error * error;
+}
+
+template <typename T>
+struct Factors {
+    T factor[kNumShifts];
+    T reciprocal[kNumShifts];  // a power of two: multiplying is dividing
+
+    KEST_INLINE Factors() {
+        for (int lane = 0; lane < kNumShifts; ++lane) {
+            factor[lane] = static_cast<T>(2 << lane);
+            reciprocal[lane] = 1 / factor[lane];
+        }
+    }
+};
+
+}  // namespace
+
+template <typename Isa, typename T>
+void ShiftLoops<Isa, T>::AddErrors(const T* x, std::size_t n, std::size_t stride, T scale, T* sums) {
+    const Factors<T> factors;
+    T sum[kNumShifts];
+    for (int lane = 0; lane < kNumShifts; ++lane) sum[lane] = sums[lane];
+    T block[kBlock];
+    for (std::size_t first = 0; first < n; first += kBlock) {
+        const std::size_t count = n - first < kBlock ? n - first : kBlock;
+        if (stride == 1) {
+            for (std::size_t i = 0; i < count; ++i) block[i] = util::RoundHalfAway(x[first + i] / scale);
+        } else {
+            for (std::size_t i = 0; i < count; ++i) block[i] = util::RoundHalfAway(x[(first + i) * stride] / scale);
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            const T q = block[i];
+            for (int lane = 0; lane < kNumShifts; ++lane) {
+                const T error = ErrorOf(q, q * factors.reciprocal[lane], factors.factor[lane]);
+                sum[lane] += error * error;
+            }
+        }
+    }
+    for (int lane = 0; lane < kNumShifts; ++lane) sums[lane] = sum[lane];
+}
+
+template <typename Isa>
+void SearchNLoops<Isa>::AddErrors(const float* x, std::size_t n, float scale, float* sums) {
+    const Factors<float> factors;
+    float sum[kNumShifts];
+    for (int lane = 0; lane < kNumShifts; ++lane) sum[lane] = sums[lane];
+    float block[kBlock];
+    for (std::size_t first = 0; first < n; first += kBlock) {
+        const std::size_t count = n - first < kBlock ? n - first : kBlock;
+        for (std::size_t i = 0; i < count; ++i) block[i] = util::RoundHalfAway(x[first + i] / scale);
+        for (std::size_t i = 0; i < count; ++i) {
+            const float q = block[i];
+            for (int lane = 0; lane < kNumShifts; ++lane) {
+                const double error = ErrorOf(q, q * factors.reciprocal[lane], factors.factor[lane]);
+                sum[lane] = static_cast<float>(sum[lane] + error * error);
+            }
+        }
+    }
+    for (int lane = 0; lane < kNumShifts; ++lane) sums[lane] = sum[lane];
+}
+
+template <typename Isa>
+void SearchNLoops<Isa>::AddErrors(const int* x, std::size_t n, double* sums) {
+    double sum[kNumShifts];
+    for (int lane = 0; lane < kNumShifts; ++lane) sum[lane] = sums[lane];
+    for (std::size_t i = 0; i < n; ++i) {
+        for (int lane = 0; lane < kNumShifts; ++lane) {
+            const int shift = lane + 1;
+            const int towardZero = x[i] < 0 ? (1 << shift) - 1 : 0;
+            sum[lane] += SquaredError(x[i], (x[i] + towardZero) >> shift, 1 << shift);
+        }
+    }
+    for (int lane = 0; lane < kNumShifts; ++lane) sums[lane] = sum[lane];
+}
+
+template <typename Isa>
+void SearchNLoops<Isa>::Errors(const float* x, std::size_t n, double* errors, int factor) {
+    const float floatFactor = static_cast<float>(factor);
+    for (std::size_t i = 0; i < n; ++i) {
+        const double error = ErrorOf(x[i], x[i] / floatFactor, floatFactor);
+        errors[i] = error * error;
+    }
+}
+
+template <typename Isa>
+void SearchNLoops<Isa>::Errors(const int* x, std::size_t n, double* errors, int factor) {
+    for (std::size_t i = 0; i < n; ++i) errors[i] = SquaredError(x[i], x[i] / factor, factor);
+}
+
+template struct ShiftLoops<util::KEST_LOOPS_ISA, float>;
+template struct ShiftLoops<util::KEST_LOOPS_ISA, double>;
+template struct SearchNLoops<util::KEST_LOOPS_ISA>;
+
+}  // namespace KestCommon
