@@ -18,6 +18,9 @@ namespace KestCommon {
 namespace {
 
 constexpr float kSmallestScale = static_cast<float>(DBL_EPSILON);
+constexpr float kAll = std::numeric_limits<float>::infinity();
+constexpr std::size_t kMaxBinsToStop = 1 << 16;  // up to which a candidate that exceeds the smallest loss has lost
+constexpr float kMargin = 1.125f;                // and this much more keeps well away from any rounding
 using BinRange = std::pair<unsigned int, unsigned int>;
 
 /// The extremes of the numbers among the values; min > max if there are none.
@@ -61,16 +64,17 @@ T LevelWidth(const BinRange& range, T binWidth, unsigned int numLevels) {
     return numBins * binWidth / static_cast<T>(numLevels);
 }
 
-/// Adds the loss of the histogram to each lane; sets it to 0 where a level is too narrow.
+/// Adds the loss of the histogram to each lane, or as much of it as exceeds `enough` in all of them; sets it to 0 where
+/// a level is too narrow.
 template <typename T>
-void AddLosses(const std::vector<DataBin<T>>& bins, unsigned int numLevels, RangeLanes<T>& lanes) {
+void AddLosses(const std::vector<DataBin<T>>& bins, unsigned int numLevels, float enough, RangeLanes<T>& lanes) {
     bool narrow[kRangeLanes];
     for (int lane = 0; lane < kRangeLanes; ++lane) {
         narrow[lane] = lanes.levelWidth[lane] < static_cast<T>(FLT_EPSILON);
         if (narrow[lane]) lanes.levelWidth[lane] = 1;
     }
     util::DispatchIsa([&](auto isa) {
-        HfmgLoops<decltype(isa), T>::AddLoss(bins.data(), bins.size(), BinWidth(bins), numLevels, lanes);
+        HfmgLoops<decltype(isa), T>::AddLoss(bins.data(), bins.size(), BinWidth(bins), numLevels, enough, lanes);
     });
     for (int lane = 0; lane < kRangeLanes; ++lane)
         if (narrow[lane]) lanes.loss[lane] = 0;
@@ -205,7 +209,7 @@ int HfmgCalculateLoss(std::vector<DataBin<T>>& bins, unsigned int numLevels, uns
     std::fill_n(lanes.firstBin, kRangeLanes, static_cast<int32_t>(startBin));
     std::fill_n(lanes.levelWidth, kRangeLanes, LevelWidth({startBin, endBin}, BinWidth(bins), numLevels));
     std::fill_n(lanes.loss, kRangeLanes, loss);
-    AddLosses(bins, numLevels, lanes);
+    AddLosses(bins, numLevels, kAll, lanes);
     loss = lanes.loss[0];
     return STATUS_OK;
 }
@@ -230,7 +234,8 @@ int HfmgCompute(std::vector<DataBin<T>>& bins, float& scale, int& offset, const 
             lanes.levelWidth[lane] = LevelWidth(range, binWidth, numLevels);
             lanes.loss[lane] = 0;
         }
-        AddLosses(bins, numLevels, lanes);
+        const bool mayStop = first > 0 && bins.size() <= kMaxBinsToStop;
+        AddLosses(bins, numLevels, mayStop ? kMargin * smallest : kAll, lanes);
         for (std::size_t lane = 0; lane < count; ++lane) {
             if (first + lane != 0 && !(lanes.loss[lane] < smallest)) continue;
             best = ranges[first + lane];

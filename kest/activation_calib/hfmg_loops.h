@@ -28,8 +28,12 @@ struct HfmgLoops {
     /// 1 to 2^31 - 1.
     static void Count(const T* x, std::size_t n, T minValue, T width, int numBins, unsigned int* counts);
 
-    /// Adds the loss of all bins, `width` wide, to each lane.
-    static void AddLoss(const DataBin<T>* bins, std::size_t numBins, T width, unsigned int numLevels,
+    /// Adds the loss of all bins, `width` wide, to each lane; may stop once every lane's loss exceeds `enough`.
+    ///
+    /// A lane's loss does not fall from one bin to the next: only the part of a bin at the upper edge of a level can
+    /// come out negative, by rounding, and the part in the next level outweighs it: by a factor of 2^22 / numBins in
+    /// single precision.
+    static void AddLoss(const DataBin<T>* bins, std::size_t numBins, T width, unsigned int numLevels, float enough,
                         RangeLanes<T>& lanes);
 };
 

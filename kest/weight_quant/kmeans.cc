@@ -148,7 +148,7 @@ T AddRepeatedly(T sum, double weight, unsigned int times) {
     return sum;
 }
 
-/// A value's bits as an unsigned integer with the same order: NaN at the ends, by its sign.
+/// A value's bits as an unsigned integer with the same order: -0 before 0, NaN at the ends, by its sign.
 uint32_t OrderedBits(float x) {
     uint32_t bits;
     std::memcpy(&bits, &x, sizeof bits);
@@ -440,10 +440,11 @@ T Distance(const std::vector<T>& a, const std::vector<T>& b) {
 template <typename T>
 T Median(std::vector<T> values) {
     if (values.empty()) return 0;
+    const auto less = [](T a, T b) { return OrderedBits(a) < OrderedBits(b); };
     const auto upper = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), upper, values.end());
+    std::nth_element(values.begin(), upper, values.end(), less);
     if (values.size() % 2 == 1) return *upper;
-    return (*std::max_element(values.begin(), upper) + *upper) * T{0.5};
+    return (*std::max_element(values.begin(), upper, less) + *upper) * T{0.5};
 }
 
 template <typename T>

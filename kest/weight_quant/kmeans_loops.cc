@@ -1,5 +1,7 @@
 #include <kest/weight_quant/kmeans_loops.h>
 
+#include <type_traits>
+
 namespace KestCommon {
 namespace {
 
@@ -86,6 +88,7 @@ template <typename Isa, typename T>
 void KmeansLoops<Isa, T>::Assign(const T* x, std::size_t n, const T* centers, unsigned int k, int32_t* nearest) {
     typedef T Vector __attribute__((vector_size(64)));
     typedef int32_t Index __attribute__((vector_size(64 / sizeof(T) * 4)));
+    using Integer = std::conditional_t<sizeof(T) == 4, int32_t, int64_t>;
     constexpr std::size_t kLanes = sizeof(Vector) / sizeof(T);
     constexpr std::size_t kVectors = 4;  // independent chains
     constexpr std::size_t kStep = kVectors * kLanes;
@@ -104,7 +107,7 @@ void KmeansLoops<Isa, T>::Assign(const T* x, std::size_t n, const T* centers, un
             smallest[v] = difference < 0 ? -difference : difference;
         }
         for (unsigned int c = 1; c < k; ++c) {
-            const auto index = decltype(Vector{} < Vector{}){} + c;
+            const auto index = decltype(Vector{} < Vector{}){} + static_cast<Integer>(c);
             for (std::size_t v = 0; v < kVectors; ++v) {
                 const Vector difference = values[v] - centers[c];
                 const Vector size = difference < 0 ? -difference : difference;

@@ -62,8 +62,8 @@ int CheckNuqClusters(unsigned int length, unsigned int numClusters, std::size_t 
         LOG_ERROR("The numClusters should not be 0!\n");
         return STATUS_BAD_PARAM;
     }
-    if (numGridValues < length || numCenters < numClusters) {
-        LOG_ERROR("%zu grid values and %zu centers, it should not be less than %u and %u.\n", numGridValues, numCenters,
+    if (numGridValues != length || numCenters < numClusters) {
+        LOG_ERROR("%zu grid values and %zu centers, it should be %u and at least %u.\n", numGridValues, numCenters,
                   length, numClusters);
         return STATUS_BAD_PARAM;
     }

@@ -17,6 +17,9 @@
 // that nothing is random. Rounds of a least-squares refit of scale and offset and a new clustering follow. (Clustered
 // weights: Han et al., "Deep Compression", 2016.)
 //
+// The grid is x / scale + offset, ARQ's code, and the result scale * (centre + offset): with offset they agree only as
+// far as the refits bring the offset near 0.
+//
 // Weights lie as CO_CI_KH_KW of arq.h: channel c owns the L/C elements from c * (L/C) on, C = scale.length. Everything
 // runs on the caller's thread. Memory that runs out leaves as std::bad_alloc. Templates exist for T = float and double.
 
@@ -36,10 +39,10 @@ struct ThrustParam {};
 /// holds each element's centre afterwards; the first K entries of `centers` the centres, integers, in no order.
 ///
 /// STATUS_BAD_PARAM, nothing written, in this order: `data` null; `length` 0; NaN or infinity in the data; no scale; a
-/// length that C does not divide; scale.length != offset.length; K of 0; gridValues shorter than `length`, or `centers`
-/// than K. STATUS_SCALE_ERROR from ARQ (a scale above 2^23), factors written as told there; or for a refitted scale
-/// that is infinite or above 2^23: the scales behind it stay unchecked, the others are as refitted, one below 2^-23
-/// is 1.
+/// length that C does not divide; scale.length != offset.length; K of 0; gridValues not of `length` elements, or
+/// `centers` shorter than K. STATUS_SCALE_ERROR from ARQ (a scale above 2^23), factors written as told there; or for a
+/// refitted scale that is infinite or above 2^23: the scales behind it stay unchecked, the others are as refitted, one
+/// below 2^-23 is 1.
 ///
 /// A channel of zeros whose nearest centre is not 0 is refitted to scale 0. In a round that is not the last this leaves
 /// the channels without finite weights, and so the centres NaN.
@@ -66,7 +69,8 @@ KEST_EXPORT int NuqReal(double* data, unsigned int length, const util::FloatData
 
 /// Weighted k-means in one dimension, seeded by KmeansInit, at most 200 steps. Replaces each value by its centre, the
 /// nearest of the k centres rounded half away from zero (the first of equally near ones), and writes these to the first
-/// k entries of `centers`. A centre that loses all its values becomes 0. `weights` has an entry for each value; a
+/// k entries of `centers`. A centre that loses all its values becomes 0;
+/// seeds that are all 0 are the result. `weights` has an entry for each value; a
 /// centre's sums are in T in the order of the values. Nothing happens without values or for k = 0.
 template <typename T>
 KEST_EXPORT void Kmeans(std::vector<T>& values, unsigned int k, std::vector<double>& weights, std::vector<T>& centers);
@@ -125,8 +129,8 @@ struct KEST_EXPORT NuqFunctor<util::ThreadPoolDevice, float> {
 /// Fake-quantises `in` with the stored factors and the published centres: the weight x becomes (offset + centre) *
 /// scale, with the first centre whose distance to t = clamp(x / scale - offset) is smallest when truncated to an
 /// integer. clamp is to the grid of numBits bits; a scale below 2^-52 leaves t = clamp(x). The `length` mod channelNum
-/// elements behind the last channel become their centre. Without centres `out` is taken for them. `in` and `out` may be
-/// the same array. STATUS_BAD_PARAM, nothing written, for channelNum below 1.
+/// elements behind the last channel become their centre. Without centres what `out` holds is taken for them. `in` and
+/// `out` may be the same array. STATUS_BAD_PARAM, nothing written, for channelNum below 1.
 template <>
 struct KEST_EXPORT FakeQuantWithNuq<util::ThreadPoolDevice, float> {
     int operator()(WeightNuqQuantParam param, const float* in, float* out, int length) const;

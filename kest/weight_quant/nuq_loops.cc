@@ -67,7 +67,7 @@ void NuqWeightLoops<Isa>::FakeQuant(const float* x, float* out, std::size_t n, c
             const float code = channel.divides ? x[first + i] / channel.scale - channel.offset : x[first + i];
             value[i] = util::Clamp(code, channel.low, channel.high);
             smallest[i] = 0x1p31f;
-            nearest[i] = out[first + i];
+            nearest[i] = channel.numCenters > 0 ? static_cast<float>(channel.centers[0]) : out[first + i];
         }
         for (int k = 0; k < channel.numCenters; ++k) {
             const float centre = static_cast<float>(channel.centers[k]);

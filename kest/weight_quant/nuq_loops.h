@@ -40,7 +40,7 @@ struct NuqWeightLoops {
     static void Quant(const double* x, std::size_t n, double scale, double offset, char* out);
 
     /// out[i] = (offset + centre) * scale, the first of the centres at the smallest truncated distance to x[i] on the
-    /// grid. Where no centre lies within 2^31, out[i] itself is the centre. `out` may be `x`.
+    /// grid; distances from 2^31 on are equal. Without centres out[i] itself is the centre. `out` may be `x`.
     static void FakeQuant(const float* x, float* out, std::size_t n, const NuqChannel& channel);
 };
 

@@ -31,12 +31,9 @@ KEST_INLINE T ErrorOf(T q, T shifted, T factor) {
     return Fma(util::Clamp(Floor(shifted), T{kLow}, T{kHigh}), factor, -q);
 }
 
-/// Wraps in 32 bits where the factor is beyond 65536.
-KEST_INLINE double SquaredError(int x, int quotient, int factor) {
-    const int clamped = quotient < kLow ? kLow : (quotient > kHigh ? kHigh : quotient);
-    const uint32_t shifted = static_cast<uint32_t>(clamped) * static_cast<uint32_t>(factor);
-    const double error = static_cast<int32_t>(shifted - static_cast<uint32_t>(x));
-    return error * error;
+KEST_INLINE int32_t Saturate(int32_t x) {
+    x = x < kLow ? kLow : x;
+    return x > kHigh ? kHigh : x;
 }
 
 template <typename T>
@@ -100,16 +97,26 @@ void SearchNLoops<Isa>::AddErrors(const float* x, std::size_t n, float scale, fl
 
 template <typename Isa>
 void SearchNLoops<Isa>::AddErrors(const int* x, std::size_t n, double* sums) {
-    double sum[kNumShifts];
-    for (int lane = 0; lane < kNumShifts; ++lane) sum[lane] = sums[lane];
+    constexpr int kLanes = 8;
+    constexpr int kVectors = kNumShifts / kLanes;
+    typedef int32_t Ints __attribute__((vector_size(kLanes * 4)));
+    typedef double Doubles __attribute__((vector_size(kLanes * 8)));
+    Doubles sum[kVectors];
+    Ints shift[kVectors];
+    __builtin_memcpy(sum, sums, sizeof sum);
+    for (int lane = 0; lane < kNumShifts; ++lane) shift[lane / kLanes][lane % kLanes] = lane + 1;
     for (std::size_t i = 0; i < n; ++i) {
-        for (int lane = 0; lane < kNumShifts; ++lane) {
-            const int shift = lane + 1;
-            const int towardZero = x[i] < 0 ? (1 << shift) - 1 : 0;
-            sum[lane] += SquaredError(x[i], (x[i] + towardZero) >> shift, 1 << shift);
+        const Ints value = Ints{} + x[i];
+        const Ints sign = value >> 31;
+        for (int v = 0; v < kVectors; ++v) {
+            Ints quotient = (value + (sign & ((1 << shift[v]) - 1))) >> shift[v];  // toward zero
+            quotient = quotient < kLow ? Ints{} + kLow : quotient;
+            quotient = quotient > kHigh ? Ints{} + kHigh : quotient;
+            const Doubles error = __builtin_convertvector((quotient << shift[v]) - value, Doubles);
+            sum[v] += error * error;
         }
     }
-    for (int lane = 0; lane < kNumShifts; ++lane) sums[lane] = sum[lane];
+    __builtin_memcpy(sums, sum, sizeof sum);
 }
 
 template <typename Isa>
@@ -123,7 +130,11 @@ void SearchNLoops<Isa>::Errors(const float* x, std::size_t n, double* errors, in
 
 template <typename Isa>
 void SearchNLoops<Isa>::Errors(const int* x, std::size_t n, double* errors, int factor) {
-    for (std::size_t i = 0; i < n; ++i) errors[i] = SquaredError(x[i], x[i] / factor, factor);
+    for (std::size_t i = 0; i < n; ++i) {
+        const uint32_t shifted = static_cast<uint32_t>(Saturate(x[i] / factor)) * static_cast<uint32_t>(factor);
+        const double error = static_cast<int32_t>(shifted - static_cast<uint32_t>(x[i]));  // wraps beyond 65536
+        errors[i] = error * error;
+    }
 }
 
 template struct ShiftLoops<util::KEST_LOOPS_ISA, float>;

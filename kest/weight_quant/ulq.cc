@@ -138,7 +138,7 @@ void TransposeAB(T* data, int length, std::vector<int>& shape) {
     T* out = data;
     for (std::size_t column = 0; column < numColumns; ++column) {
         for (std::size_t row = 0; row < numRows; ++row)
-            out = std::copy_n(&copy[(row * numColumns + column) * inner], inner, out);
+            out = std::copy_n(copy.data() + (row * numColumns + column) * inner, inner, out);
     }
     std::swap(shape[0], shape[1]);
 }

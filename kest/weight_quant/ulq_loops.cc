@@ -21,6 +21,33 @@ KEST_INLINE double Fma(double a, double b, double c) {
     return __builtin_fma(a, b, c);
 }
 
+constexpr std::size_t kBlock = 256;
+
+/// What the gradients of a block of elements count in each of the two sums.
+template <typename T, std::size_t kSize>
+struct UlqFactors {
+    T max[kSize];
+    T min[kSize];
+
+    /// The factors of n elements, from number `first` of the block on.
+    KEST_INLINE void Set(const T* x, std::size_t n, std::size_t first, T clippedError, const UlqGradient<T>& gradient) {
+        for (std::size_t i = 0; i < n; ++i) {
+            const bool above = x[i] > gradient.upper;
+            const bool below = !above && x[i] < gradient.lower;
+            const T error = above || below ? clippedError : RoundingError(x[i] * 255 / gradient.range);
+            max[first + i] = above ? 1 + error : error;
+            min[first + i] = below ? 1 - error : -error;
+        }
+    }
+
+    KEST_INLINE void Add(const T* grad, std::size_t n, std::size_t first, UlqGradient<T>& gradient) const {
+        for (std::size_t i = 0; i < n; ++i) {
+            gradient.max = Fma(max[first + i], grad[i], gradient.max);
+            gradient.min = Fma(min[first + i], grad[i], gradient.min);
+        }
+    }
+};
+
 }  // namespace
 
 template <typename Isa, typename T>
@@ -35,34 +62,23 @@ void UlqLoops<Isa, T>::FakeQuant(const T* x, T* out, std::size_t n, T lower, T u
 
 template <typename Isa, typename T>
 void UlqLoops<Isa, T>::AddGradients(const T* x, const T* grad, std::size_t n, UlqGradient<T>& gradient) {
-    constexpr std::size_t kBlock = 256;
-    T maxFactor[kBlock];  // what the gradient of an element counts in each of the sums
-    T minFactor[kBlock];
-    const T upper = gradient.upper;
-    const T lower = gradient.lower;
-    const T range = gradient.range;
-    const T clippedError = RoundingError(gradient.clipMin * 255 / range);
-    T max = gradient.max;
-    T min = gradient.min;
-    while (n > 0) {
-        const std::size_t count = n < kBlock ? n : kBlock;
-        for (std::size_t i = 0; i < count; ++i) {
-            const bool above = x[i] > upper;
-            const bool below = !above && x[i] < lower;
-            const T error = above || below ? clippedError : RoundingError(x[i] * 255 / range);
-            maxFactor[i] = above ? 1 + error : error;
-            minFactor[i] = below ? 1 - error : -error;
+    constexpr std::size_t kStep = 16;
+    UlqFactors<T, kBlock> factors;
+    UlqGradient<T> local = gradient;  // in registers
+    const T clippedError = RoundingError(gradient.clipMin * 255 / gradient.range);
+    // The sums wait for one fused step after the other; meanwhile the factors of the next block are computed.
+    const std::size_t numBlocks = n / kBlock;
+    if (numBlocks > 0) factors.Set(x, kBlock, 0, clippedError, local);
+    for (std::size_t block = 0; block < numBlocks; ++block, x += kBlock, grad += kBlock) {
+        const bool isLast = block + 1 == numBlocks;
+        for (std::size_t i = 0; i < kBlock; i += kStep) {
+            factors.Add(grad + i, kStep, i, local);
+            if (!isLast) factors.Set(x + kBlock + i, kStep, i, clippedError, local);
         }
-        for (std::size_t i = 0; i < count; ++i) {
-            max = Fma(maxFactor[i], grad[i], max);
-            min = Fma(minFactor[i], grad[i], min);
-        }
-        x += count;
-        grad += count;
-        n -= count;
     }
-    gradient.max = max;
-    gradient.min = min;
+    factors.Set(x, n % kBlock, 0, clippedError, local);
+    factors.Add(grad, n % kBlock, 0, local);
+    gradient = local;
 }
 
 template <typename Isa>

@@ -91,16 +91,16 @@ template <typename T>
 void AccumulateRows(T sum, T rounded) {
     using Table = std::vector<std::vector<T>>;
     const auto add = [](Table data, Table table, bool perTensor) {
-        float scale[3] = {1, 1, 1};
+        float scale[2] = {1, 3};
         EXPECT_EQ(data.empty() ? EMPTY_CONTAINER_ERROR : STATUS_OK,
-                  KestCommon::SearchNV2AccumulateError(data, table, {3, scale}, perTensor));
+                  KestCommon::SearchNV2AccumulateError(data, table, {2, scale}, perTensor));
         return table;
     };
     EXPECT_EQ(sum, add({{1, 4097}}, Table(1, std::vector<T>(16)), false)[0][12]);
     EXPECT_EQ((Table{{rounded}}), add({{static_cast<T>(-65538.4999999)}}, {{0}}, false));
     const T large = 0x1p24f;  // large + 1 is no float: the errors 1 and 1 are summed before they are added
-    EXPECT_EQ((Table{{large + 2}, {2}, {4}}), add({{3, 5, 7e9f}, {3, 5}}, {{large}, {0}, {4}}, false));
-    EXPECT_EQ((Table{{large + 2, 10}, {0}}), add({{3}, {5}}, {{large, 0}, {0}}, true));
+    EXPECT_EQ((Table{{large + 2}, {2}, {4}}), add({{3, 5, 7e9f}, {9, 15}}, {{large}, {0}, {4}}, false));
+    EXPECT_EQ((Table{{large + 2, 10}, {0}}), add({{3}, {15}}, {{large, 0}, {0}}, true));
     EXPECT_EQ((Table{{5}}), add({}, {{5}}, false));
 }
 
@@ -130,6 +130,7 @@ TEST(SearchN, BothFunctorsSearchOnTheLastBatch) {
     int counter = 0, counterV2 = 0, batchNum = 0;
     EXPECT_EQ(STATUS_OK, kSearchNV2(paramV2, counterV2, batchNum, inV2, qV2));
     EXPECT_EQ(Rows(kChannels, std::vector<float>(16)), inV2.errorTable);  // sized, nothing added
+    inV2.errorTable[0][15] = 1;                                           // stays
     counterV2 = 0;
     batchNum = 2;
     for (int call = 1; call <= 3; ++call) {
@@ -143,8 +144,9 @@ TEST(SearchN, BothFunctorsSearchOnTheLastBatch) {
         ExpectSameBits(std::vector<float>(shifts.begin(), shifts.end()), asFloat);
         ExpectSameBits(asFloat, asFloatV2);
     }
-    ExpectSameBits({3.0f, 5.0f}, in.channelData[0]);                                 // the third call only counts
-    ExpectSameBits<float>({2, 10}, {inV2.errorTable[0][0], inV2.errorTable[0][1]});  // 1 + 1, 9 + 1
+    ExpectSameBits({3.0f, 5.0f}, in.channelData[0]);  // the third call only counts
+    const std::vector<float>& errors = inV2.errorTable[0];
+    ExpectSameBits({2, 10, 35}, std::vector<float>{errors[0], errors[1], errors[15]});  // 1 + 1, 9 + 1, 1 + 9 + 25
     counterV2 = 1;
     qV2.perTensor = true;
     EXPECT_EQ(STATUS_OK, kSearchNV2(paramV2, counterV2, batchNum, inV2, qV2));
