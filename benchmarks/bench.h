@@ -21,11 +21,16 @@ struct Size {
 constexpr Size kSmall{"4Ki", std::size_t{1} << 12};   // first-level cache
 constexpr Size kMedium{"1Mi", std::size_t{1} << 20};  // last-level cache
 constexpr Size kLarge{"64Mi", std::size_t{1} << 26};  // memory
+constexpr Size kLayer{"576Ki", 589824};               // a layer's weights
 constexpr std::size_t kNumLayers[] = {1000, 10000, 100000};
 
 void AddArqRows(Size size);
+void AddHfmgRows(Size size);
 void AddIfmrRows(Size size);
+void AddNuqRows(Size size, std::size_t numChannels);
 void AddPercentileRows(Size size);
+void AddShiftRows(Size size);
+void AddUlqRows(Size size);
 void AddRecordRows(std::size_t numLayers);
 void AddProtobufRows(std::size_t numLayers);
 

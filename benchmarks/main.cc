@@ -45,6 +45,14 @@ void AddLimitRows(Size size) {
     });
     add("copy", 2 * bytes,
         [=](auto&) { return [x = NormalData(n), out = WorkingCopy(n), n](auto&) { LimitCopy(x, out, n); }; });
+    if (n == kSmall.n) return;
+    const auto copyHalves = [=](auto&) {
+        return [x = NormalData(n), out = WorkingCopy(n), half = n / 2](auto&) {
+#pragma omp parallel for
+            for (int thread = 0; thread < 2; ++thread) LimitCopy(x + thread * half, out + thread * half, half);
+        };
+    };
+    AddRow("copy", size.name, "limit", static_cast<double>(n), 2 * bytes, copyHalves, 2);
 }
 
 }  // namespace
@@ -86,7 +94,12 @@ int main(int argc, char** argv) {
         bench::AddArqRows(size);
         if (size.n < bench::kLarge.n) bench::AddIfmrRows(size);  // the plain search takes ten seconds there
         bench::AddPercentileRows(size);
+        bench::AddHfmgRows(size);
+        if (size.n < bench::kLarge.n) bench::AddShiftRows(size);
+        bench::AddUlqRows(size);
     }
+    bench::AddNuqRows(bench::kSmall, 16);
+    bench::AddNuqRows(bench::kLayer, 512);
     for (const std::size_t numLayers : bench::kNumLayers) {
         bench::AddRecordRows(numLayers);
 #ifdef KEST_BENCH_PROTOBUF
