@@ -3,6 +3,7 @@
 #include <getopt.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -12,9 +13,15 @@
 namespace digits {
 namespace {
 
+constexpr int kMaxEpochs = 100;
+
 void PrintUsage(std::FILE* stream) {
-    std::fprintf(stream, "usage: digits [--bits 2..8] [--batches 1..%d] [--record FILE] [--data DIR] [--help]\n",
-                 kMaxBatches);
+    std::fprintf(
+        stream,
+        "usage: digits [--bits 2..8] [--batches 1..%d] [--calibration ifmr|hfmg] [--weights arq|nuq]\n"
+        "              [--clusters 1..256] [--retrain-bits 2..8] [--epochs 1..%d] [--record FILE] [--data DIR]\n"
+        "              [--help]\n",
+        kMaxBatches, kMaxEpochs);
 }
 
 void PrintHelp() {
@@ -22,13 +29,20 @@ void PrintHelp() {
     PrintUsage(stdout);
     std::printf(
         "\nQuantises a small convolutional network that reads handwritten digits, stores the factors in a\n"
-        "record file, reads them back and compares the quantised network with the float one.\n\n"
-        "  --bits N       width of the quantised weights and activations, 2 to 8 (default %d)\n"
-        "  --batches N    calibration batches of %d images, 1 to %d (default %d)\n"
-        "  --record FILE  where the factors go; an old file is replaced (default %s)\n"
-        "  --data DIR     where network.bin and images.bin are (default: those of the source tree)\n"
-        "  --help         this text\n",
-        defaults.bits, kBatchSize, kMaxBatches, defaults.batches, defaults.record.c_str());
+        "record file, reads them back and compares the quantised network with the float one. Then retrains\n"
+        "it for fewer bits.\n\n"
+        "  --bits N                 width of activations and of uniform weights, 2 to 8 (default %d)\n"
+        "  --batches N              calibration batches of %d images, 1 to %d (default %d)\n"
+        "  --calibration ifmr|hfmg  activations: from all values, or from histograms (default ifmr)\n"
+        "  --weights arq|nuq        weights: on a uniform grid, or clustered (default arq)\n"
+        "  --clusters N             clusters of a layer's weights, 1 to 256 (default %d)\n"
+        "  --retrain-bits N         width of weights and activations in retraining, 2 to 8 (default %d)\n"
+        "  --epochs N               passes over the training images, 1 to %d (default %d)\n"
+        "  --record FILE            where the factors go; an old file is replaced (default %s)\n"
+        "  --data DIR               where network.bin and images.bin are (default: those of the source tree)\n"
+        "  --help                   this text\n",
+        defaults.bits, kBatchSize, kMaxBatches, defaults.batches, defaults.clusters, defaults.retrainBits, kMaxEpochs,
+        defaults.epochs, defaults.record.c_str());
 }
 
 [[noreturn]] void RejectOptions() {
@@ -47,6 +61,19 @@ int ParseNumber(const char* option, const char* text, int low, int high) {
     return number;
 }
 
+/// The index of the word that the text is.
+int ParseWord(const char* option, const char* text, const std::vector<std::string>& words) {
+    const auto found = std::find(words.begin(), words.end(), text);
+    if (found == words.end()) {
+        std::fprintf(stderr, "digits: %s takes", option);
+        for (const std::string& word : words)
+            std::fprintf(stderr, "%s %s", word == words[0] ? "" : " or", word.c_str());
+        std::fprintf(stderr, ", not '%s'\n", text);
+        RejectOptions();
+    }
+    return static_cast<int>(found - words.begin());
+}
+
 std::string ParsePath(const char* option, const char* text) {
     if (*text == '\0') {
         std::fprintf(stderr, "digits: %s takes a path, not an empty text\n", option);
@@ -63,14 +90,27 @@ std::string Decibels(double ratio) {
     return text;
 }
 
+/// "2-3", or "2" for equal ones.
+std::string RangeText(int smallest, int largest) {
+    if (smallest == largest) return std::to_string(smallest);
+    return std::to_string(smallest) + "-" + std::to_string(largest);
+}
+
 }  // namespace
 
 Options ParseOptions(int argc, char** argv) {
-    enum : int { kBits = 1, kBatches, kRecord, kData, kHelp };
-    const option known[] = {
-        {"bits", required_argument, nullptr, kBits},     {"batches", required_argument, nullptr, kBatches},
-        {"record", required_argument, nullptr, kRecord}, {"data", required_argument, nullptr, kData},
-        {"help", no_argument, nullptr, kHelp},           {}};
+    enum : int { kBits = 1, kBatches, kCalibration, kWeights, kClusters, kRetrainBits, kEpochs, kRecord, kData, kHelp };
+    const option known[] = {{"bits", required_argument, nullptr, kBits},
+                            {"batches", required_argument, nullptr, kBatches},
+                            {"calibration", required_argument, nullptr, kCalibration},
+                            {"weights", required_argument, nullptr, kWeights},
+                            {"clusters", required_argument, nullptr, kClusters},
+                            {"retrain-bits", required_argument, nullptr, kRetrainBits},
+                            {"epochs", required_argument, nullptr, kEpochs},
+                            {"record", required_argument, nullptr, kRecord},
+                            {"data", required_argument, nullptr, kData},
+                            {"help", no_argument, nullptr, kHelp},
+                            {}};
     Options options;
     for (int found; (found = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
         switch (found) {
@@ -79,6 +119,21 @@ Options ParseOptions(int argc, char** argv) {
                 break;
             case kBatches:
                 options.batches = ParseNumber("--batches", optarg, 1, kMaxBatches);
+                break;
+            case kCalibration:
+                options.calibration = static_cast<Calibration>(ParseWord("--calibration", optarg, {"ifmr", "hfmg"}));
+                break;
+            case kWeights:
+                options.weights = static_cast<WeightMethod>(ParseWord("--weights", optarg, {"arq", "nuq"}));
+                break;
+            case kClusters:
+                options.clusters = ParseNumber("--clusters", optarg, 1, 256);
+                break;
+            case kRetrainBits:
+                options.retrainBits = ParseNumber("--retrain-bits", optarg, 2, 8);
+                break;
+            case kEpochs:
+                options.epochs = ParseNumber("--epochs", optarg, 1, kMaxEpochs);
                 break;
             case kRecord:
                 options.record = ParsePath("--record", optarg);
@@ -117,21 +172,30 @@ void Stopwatch::Lap(const std::string& phase) {
 }
 
 void Print(const Report& report, const Options& options, const Stopwatch& watch) {
-    std::printf("%d bits, calibrated on %d training images, tested on %d held-out ones\n\n", options.bits,
-                options.batches * kBatchSize, report.numHeldOut);
+    const char* activations = options.calibration == Calibration::kIfmr ? "IFMR" : "HFMG";
+    const std::string weights = options.weights == WeightMethod::kArq
+                                    ? "ARQ weights"
+                                    : "NUQ weights (" + std::to_string(options.clusters) + " clusters)";
+    std::printf("%d bits, %s activations from %d training images, %s, tested on %d held-out images\n\n", options.bits,
+                activations, options.batches * kBatchSize, weights.c_str(), report.numHeldOut);
     std::printf("        activations: the input of the layer       weights: a scale for each output channel\n");
-    std::printf("layer       scale  offset  clipped      SNR       shape         smallest   largest      SNR\n");
+    std::printf(
+        "layer       scale  offset  clipped      SNR       shape         smallest   largest      SNR   shift\n");
     for (const LayerReport& layer : report.layers) {
-        std::printf("%-6s  %9.6f  %6d  %5.2f %%  %7s       %-12s  %8.6f  %8.6f  %7s\n", layer.name.c_str(),
+        std::printf("%-6s  %9.6f  %6d  %5.2f %%  %7s       %-12s  %8.6f  %8.6f  %7s  %6s\n", layer.name.c_str(),
                     layer.inputScale, layer.inputOffset, layer.clipped, Decibels(layer.inputSnr).c_str(),
                     layer.weightShape.c_str(), layer.smallestWeightScale, layer.largestWeightScale,
-                    Decibels(layer.weightSnr).c_str());
+                    Decibels(layer.weightSnr).c_str(), RangeText(layer.smallestShift, layer.largestShift).c_str());
     }
-    std::printf("\nclipped: calibration values beyond the range of the codes; SNR: signal to quantisation noise\n\n");
-    std::printf("phase                       seconds\n");
-    for (const auto& [phase, seconds] : watch.Laps()) std::printf("%-25s  %8.6f\n", phase.c_str(), seconds);
+    std::printf("\nclipped: calibration values beyond the range of the codes; SNR: signal to quantisation noise;\n");
+    std::printf("shift: bits by which channels shift accumulators to 16 bits; both searches agree on %d of %d\n\n",
+                report.numEqualShifts, report.numShifts);
+    std::printf("phase                         seconds\n");
+    for (const auto& [phase, seconds] : watch.Laps()) std::printf("%-27s  %8.6f\n", phase.c_str(), seconds);
     std::printf("\nrecord file: %s\n", options.record.c_str());
     std::printf("accuracy: float %.2f %%, quantised %.2f %%\n", report.floatAccuracy, report.quantisedAccuracy);
+    std::printf("at %d bits: float %.2f %%, quantised %.2f %%, retrained %.2f %%\n", options.retrainBits,
+                report.floatAccuracy, report.beforeRetraining, report.retrainedAccuracy);
 }
 
 }  // namespace digits

@@ -13,9 +13,17 @@ namespace digits {
 constexpr int kBatchSize = 32;   // images in a calibration batch
 constexpr int kMaxBatches = 40;  // as many as the training images fill
 
+enum class Calibration { kIfmr, kHfmg };  // in the order of the options' words
+enum class WeightMethod { kArq, kNuq };
+
 struct Options {
     int bits = 8;
     int batches = 16;
+    Calibration calibration = Calibration::kIfmr;
+    WeightMethod weights = WeightMethod::kArq;
+    int clusters = 16;  // of NUQ
+    int retrainBits = 4;
+    int epochs = 12;
     std::string record = "digits.record";
     std::string data = KEST_DIGITS_DATA;
 };
@@ -59,16 +67,22 @@ struct LayerReport {
     float smallestWeightScale;
     float largestWeightScale;
     double weightSnr;
+    int smallestShift;
+    int largestShift;
 };
 
 struct Report {
     std::vector<LayerReport> layers;
     int numHeldOut;
-    double floatAccuracy;      // percent
-    double quantisedAccuracy;  // percent
+    int numShifts;  // of all channels, and for how many of them both searches found the same
+    int numEqualShifts;
+    double floatAccuracy;  // percent, as all of them
+    double quantisedAccuracy;
+    double beforeRetraining;
+    double retrainedAccuracy;
 };
 
-/// Prints the table, the phases and, as the last line, both accuracies.
+/// Prints the table, the phases and, as the last two lines, the accuracies.
 void Print(const Report& report, const Options& options, const Stopwatch& watch);
 
 }  // namespace digits

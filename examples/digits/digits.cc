@@ -1,112 +1,38 @@
 // Quantises a small convolutional network after training, from float weights to a tested result:
 //
-//   1. calibrate  IFMR finds a scale and an offset for the input of every layer from batches of training images
-//   2. quantise   ARQ finds a scale for every output channel of every weight tensor
+//   1. calibrate  IFMR or HFMG finds a scale and an offset for the input of every layer from batches of training images
+//   2. quantise   ARQ finds a scale for every output channel of every weight tensor; or NUQ, with clusters of weights
 //   3. store      both go into a record file, a text that deployment tools and people read
 //   4. read back  the factors, from that file alone, fake-quantise weights and activations of the network
+//   5. shift      two searches find by how many bits deployed layers shift their accumulators; the record file has them
+//   6. retrain    for fewer bits than calibration alone can serve, a few epochs of training with ULQ
 //
-// x ~ scale * (code - offset) throughout, with codes of --bits bits.
+// quantise.h has 1, 2 and the arithmetic of 4, shift_bits.h 5, retrain.h 6.
 
-#include <kest/activation_calib/ifmr.h>
-#include <kest/kernel_frame/views.h>
 #include <kest/record/proto_simulator/record_data.h>
 #include <kest/record/proto_simulator/record_proto.h>
 #include <kest/record/record_update.h>
-#include <kest/weight_quant/arq.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <fstream>
+#include <functional>
+#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "console.h"
 #include "network.h"
+#include "quantise.h"
+#include "retrain.h"
+#include "shift_bits.h"
 
 namespace digits {
 namespace {
-
-/// What the record file holds for a layer.
-struct Factors {
-    int numBits;
-    float inputScale;
-    int inputOffset;
-    std::vector<float> weightScales;  // one for each output channel
-    std::vector<int> weightOffsets;
-};
-
-/// A failing kernel prints a log line and returns a status other than 0; here that ends the program.
-void Check(int status, const std::string& step) {
-    if (status != 0) throw std::runtime_error(step + " failed with status " + std::to_string(status));
-}
-
-/// The settings that suit most activations: percentiles that leave one value in a million out of the range, then a
-/// search over 0.7 to 1.3 of that range for the least squared error.
-kest_tf::IfmrParam CalibrationParam(int numBits) {
-    kest_tf::IfmrParam param{};
-    param.calibration = 0;  // calibrate
-    param.numBits = numBits;
-    param.withOffset = true;
-    param.startRatio = 0.7f;
-    param.endRatio = 1.3f;
-    param.step = 0.01f;
-    param.maxPercentile = 0.999999f;
-    param.minPercentile = 0.999999f;
-    return param;
-}
-
-/// The calibration of one activation tensor. All of it lives with the caller from the first batch to the last.
-struct Calibration {
-    int batchIndex = 0;  // the functor counts the batches
-    KestTfOp::InputParam<float> input{};
-    float scale = 0;  // published by the last batch
-    int offset = 0;
-    float calScale = 0;  // the functor's own
-    int calOffset = 0;
-};
-
-/// Hands the next batch to the calibration; the last of `numBatches` finds scale and offset.
-void CalibrateBatch(const std::string& layer, const std::vector<float>& batch, int numBits, int numBatches,
-                    Calibration& calibration) {
-    calibration.input.input = batch.data();
-    calibration.input.length = static_cast<int64_t>(batch.size());
-    const KestTfOp::DataQuantParam<float> results{&calibration.scale, &calibration.offset, &calibration.calScale,
-                                                  &calibration.calOffset};
-    const KestTfOp::QuantIfmrFunctor<util::ThreadPoolDevice, float> calibrate;
-    Check(calibrate(CalibrationParam(numBits), calibration.batchIndex, numBatches, calibration.input, results),
-          "QuantIfmrFunctor for " + layer);
-}
-
-/// Runs the float network on batches of training images and calibrates the input of each of its layers.
-std::vector<Calibration> CalibrateInputs(const Network& network, const Images& training, const Options& options) {
-    if (options.batches * kBatchSize > training.pixels.n) throw std::runtime_error("too few training images");
-    std::vector<Calibration> calibrations(network.size());
-    Progress progress;
-    for (int batch = 0; batch < options.batches; ++batch) {
-        Run(network, Slice(training.pixels, batch * kBatchSize, kBatchSize), [&](size_t layer, auto& input) {
-            progress.Show("calibrating: batch " + std::to_string(batch + 1) + " of " + std::to_string(options.batches) +
-                          ", input of " + network[layer].name);
-            CalibrateBatch(network[layer].name, input, options.bits, options.batches, calibrations[layer]);
-        });
-    }
-    return calibrations;
-}
-
-/// Finds the scales and offsets of a layer's weights, one for each output channel, which is innermost.
-void QuantiseWeights(const Layer& layer, int numBits, std::vector<float>& scales, std::vector<int>& offsets) {
-    scales.resize(layer.outChannels);
-    offsets.resize(layer.outChannels);
-    std::vector<float> weights = layer.weights;  // fake-quantised in place and dropped: only the factors count here
-    const KestCommon::Input<float> input{weights.data(), static_cast<int>(weights.size()), layer.outChannels};
-    const KestCommon::Output<float> output{weights.data(), scales.data(), offsets.data()};
-    const KestTfOp::ArqQuantFunctor<util::ThreadPoolDevice, float> quantise;
-    Check(quantise(input, output, numBits), "ArqQuantFunctor for " + layer.name);
-}
 
 /// A record update needs a file to update. It starts empty: a record of an earlier run would keep what is not updated.
 void CreateRecordFile(const std::string& path) {
@@ -118,19 +44,40 @@ void StoreFactors(const std::string& layer, const Factors& factors, const std::s
     Check(KestTfOp::WriteDataToRecordFile(&factors.inputScale, &factors.inputOffset, layer, path,
                                           "INT" + std::to_string(factors.numBits)),
           "WriteDataToRecordFile for " + layer);
-    Check(KestTfOp::WriteWeightToRecordFile(factors.weightScales.data(), factors.weightOffsets.data(),
-                                            static_cast<int>(factors.weightScales.size()), layer, path),
-          "WriteWeightToRecordFile for " + layer);
+    const int numScales = static_cast<int>(factors.weightScales.size());
+    const int numClusters = static_cast<int>(factors.clusters.size());
+    if (numClusters == 0) {
+        Check(KestTfOp::WriteWeightToRecordFile(factors.weightScales.data(), factors.weightOffsets.data(), numScales,
+                                                layer, path),
+              "WriteWeightToRecordFile for " + layer);
+    } else {
+        Check(KestTfOp::WriteNuqRecordToFile(factors.weightScales.data(), factors.weightOffsets.data(),
+                                             factors.clusters.data(), numScales, numClusters, layer, path),
+              "WriteNuqRecordToFile for " + layer);
+    }
 }
 
-/// The child `name` of a block of the record tree, as the class that its kind of field has.
+/// Adds a layer's shifts to its record.
+void StoreShifts(const std::string& layer, const ShiftBits& shifts, const std::string& path) {
+    Check(KestTfOp::WriteShiftNToRecordFile(shifts.kept.data(), static_cast<int>(shifts.kept.size()), layer, path),
+          "WriteShiftNToRecordFile for " + layer);
+}
+
+/// The child `name` of a block of the record tree, as the class that its kind of field has; null if it has no value.
 template <typename Node>
-const Node& Child(const kest_tf::Data& block, const std::string& name) {
+const Node* FindChild(const kest_tf::Data& block, const std::string& name) {
     for (const auto& [childName, child] : block.children) {
         const auto* node = childName == name ? dynamic_cast<const Node*>(child) : nullptr;
-        if (node != nullptr && node->HasValue()) return *node;
+        if (node != nullptr && node->HasValue()) return node;
     }
-    throw std::runtime_error("the record file lacks a " + name);
+    return nullptr;
+}
+
+template <typename Node>
+const Node& Child(const kest_tf::Data& block, const std::string& name) {
+    const Node* child = FindChild<Node>(block, name);
+    if (child == nullptr) throw std::runtime_error("the record file lacks a " + name);
+    return *child;
 }
 
 /// A layer's factors, from its record.
@@ -143,6 +90,8 @@ Factors ReadFactors(const kest_tf::InnerData& root, const Layer& layer) {
         factors.inputOffset = Child<kest_tf::IntData>(value, "offset_d").scalar;
         factors.weightScales = Child<kest_tf::FloatListData>(value, "scale_w").items;
         factors.weightOffsets = Child<kest_tf::IntListData>(value, "offset_w").items;
+        const auto* clusters = FindChild<kest_tf::IntListData>(value, "cluster");
+        if (clusters != nullptr) factors.clusters = clusters->items;
         const std::string& type = Child<kest_tf::StringData>(value, "dst_type").scalar;
         const size_t numScales = layer.outChannels;
         if (std::sscanf(type.c_str(), "INT%d", &factors.numBits) != 1 || factors.weightScales.size() != numScales ||
@@ -161,34 +110,6 @@ std::vector<Factors> ReadRecordFile(const Network& network, const std::string& p
     std::vector<Factors> factors;
     for (const Layer& layer : network) factors.push_back(ReadFactors(root, layer));
     return factors;
-}
-
-/// The weights as the quantised network knows them. The factors come by value because kest's views are writable.
-std::vector<float> FakeQuantiseWeights(const std::vector<float>& weights, Factors factors) {
-    std::vector<float> quantised(weights.size());
-    KestCommon::ArqClipAndQuantKhKwCiCo<float>(
-        weights.data(), quantised.data(), static_cast<unsigned int>(weights.size()), factors.numBits,
-        {static_cast<unsigned int>(factors.weightScales.size()), factors.weightScales.data()},
-        {static_cast<unsigned int>(factors.weightOffsets.size()), factors.weightOffsets.data()});
-    return quantised;
-}
-
-/// Makes of a layer's input, in place, what the quantised network knows of it.
-void FakeQuantiseInput(std::vector<float>& input, Factors factors) {
-    KestCommon::IfmrParam param{};
-    param.calibration = 1;  // inference
-    param.numBits = factors.numBits;
-    Check(KestCommon::IfmrQuant(input.data(), static_cast<unsigned int>(input.size()), param, {1, &factors.inputScale},
-                                {1, &factors.inputOffset}),
-          "IfmrQuant");
-}
-
-/// The accuracy of the network with weights and layer inputs quantised.
-double QuantisedAccuracy(Network network, const std::vector<Factors>& factors, const Images& images) {
-    for (size_t layer = 0; layer < network.size(); ++layer) {
-        network[layer].weights = FakeQuantiseWeights(network[layer].weights, factors[layer]);
-    }
-    return Accuracy(network, images, [&](size_t layer, auto& input) { FakeQuantiseInput(input, factors[layer]); });
 }
 
 /// Signal-to-noise ratio in dB; infinity for equal values.
@@ -220,11 +141,13 @@ std::string ShapeText(const Layer& layer) {
     return std::to_string(layer.kernelHeight) + "x" + std::to_string(layer.kernelWidth) + "x" + channels;
 }
 
-/// How well the factors fit the calibration values and the weights of a layer.
-LayerReport Judge(const Layer& layer, const std::vector<float>& values, const Factors& factors) {
+/// How well the factors and shifts fit the calibration values and the weights of a layer.
+LayerReport Judge(const Layer& layer, const std::vector<float>& values, const Factors& factors,
+                  const ShiftBits& shifts) {
     std::vector<float> quantised = values;
     FakeQuantiseInput(quantised, factors);
     const auto [smallest, largest] = std::minmax_element(factors.weightScales.begin(), factors.weightScales.end());
+    const auto [smallestShift, largestShift] = std::minmax_element(shifts.kept.begin(), shifts.kept.end());
     return {layer.name,
             factors.inputScale,
             factors.inputOffset,
@@ -233,45 +156,67 @@ LayerReport Judge(const Layer& layer, const std::vector<float>& values, const Fa
             ShapeText(layer),
             *smallest,
             *largest,
-            SnrDb(layer.weights, FakeQuantiseWeights(layer.weights, factors))};
+            SnrDb(layer.weights, FakeQuantiseWeights(layer, factors)),
+            *smallestShift,
+            *largestShift};
+}
+
+int CountEqual(const std::vector<int>& a, const std::vector<int>& b) {
+    return std::inner_product(a.begin(), a.end(), b.begin(), 0, std::plus<>(), std::equal_to<>());
 }
 
 void QuantiseAndCompare(const Options& options) {
     Stopwatch watch;
     const Network network = LoadNetwork(options.data + "/network.bin");
     const Dataset dataset = LoadDataset(options.data + "/images.bin");
+    const size_t numLayers = network.size();
     watch.Lap("load network and images");
 
     Report report{};
     report.numHeldOut = dataset.heldOut.pixels.n;
-    report.floatAccuracy = Accuracy(network, dataset.heldOut, [](size_t, auto&) {});
+    report.floatAccuracy = Accuracy(network, dataset.heldOut, [](size_t, Tensor&) {});
     watch.Lap("run the float network");
 
-    const std::vector<Calibration> calibrations = CalibrateInputs(network, dataset.training, options);
+    std::vector<Factors> found =
+        CalibrateInputs(network, dataset.training, options.calibration, options.bits, options.batches);
     watch.Lap("calibrate activations");
 
-    std::vector<Factors> found(network.size());
-    for (size_t layer = 0; layer < network.size(); ++layer) {
-        found[layer].numBits = options.bits;
-        found[layer].inputScale = calibrations[layer].scale;
-        found[layer].inputOffset = calibrations[layer].offset;
-        QuantiseWeights(network[layer], options.bits, found[layer].weightScales, found[layer].weightOffsets);
+    for (size_t layer = 0; layer < numLayers; ++layer) {
+        if (options.weights == WeightMethod::kArq) {
+            QuantiseUniform(network[layer], found[layer]);
+        } else {
+            QuantiseClustered(network[layer], options.clusters, found[layer]);
+        }
     }
     watch.Lap("quantise weights");
 
     CreateRecordFile(options.record);
-    for (size_t layer = 0; layer < network.size(); ++layer) {
-        StoreFactors(network[layer].name, found[layer], options.record);
-    }
+    for (size_t layer = 0; layer < numLayers; ++layer) StoreFactors(network[layer].name, found[layer], options.record);
     watch.Lap("write the record file");
 
     const std::vector<Factors> factors = ReadRecordFile(network, options.record);
     report.quantisedAccuracy = QuantisedAccuracy(network, factors, dataset.heldOut);
     watch.Lap("run the quantised network");
 
-    for (size_t layer = 0; layer < network.size(); ++layer) {
-        report.layers.push_back(Judge(network[layer], calibrations[layer].input.accumulated, factors[layer]));
+    const std::vector<ShiftBits> shifts = FindShiftBits(network, factors, dataset.training, options.batches);
+    for (size_t layer = 0; layer < numLayers; ++layer) {
+        StoreShifts(network[layer].name, shifts[layer], options.record);
+        report.numShifts += network[layer].outChannels;
+        report.numEqualShifts += CountEqual(shifts[layer].kept, shifts[layer].streamed);
     }
+    watch.Lap("search and store shift bits");
+
+    std::vector<Factors> fewBits =
+        CalibrateInputs(network, dataset.training, options.calibration, options.retrainBits, options.batches);
+    for (size_t layer = 0; layer < numLayers; ++layer) QuantiseUniform(network[layer], fewBits[layer]);
+    report.beforeRetraining = QuantisedAccuracy(network, fewBits, dataset.heldOut);
+    const Retrained retrained = Retrain(network, fewBits, dataset.training, options.epochs);
+    report.retrainedAccuracy = QuantisedAccuracy(retrained.network, retrained.factors, dataset.heldOut);
+    watch.Lap("retrain at " + std::to_string(options.retrainBits) + " bits");
+
+    Run(network, Slice(dataset.training.pixels, 0, options.batches * kBatchSize), [&](size_t layer, Tensor& input) {
+        report.layers.push_back(Judge(network[layer], input.data, factors[layer], shifts[layer]));
+    });
     Print(report, options, watch);
     if (std::fflush(stdout) != 0) throw std::runtime_error("cannot write to standard output");
 }

@@ -53,35 +53,20 @@ Images ReadImages(Reader& reader, int count, int height, int width) {
     return images;
 }
 
-/// out[y][x][o] = bias[o] + the sum over ky, kx, i of in[y + ky - kh / 2][x + kx - kw / 2][i] * weights[ky][kx][i][o].
-/// The output channel is innermost everywhere, so the inner loop runs over contiguous memory and vectorises.
-Tensor Convolve(const Tensor& in, const Layer& layer) {
-    const int numOut = layer.outChannels;
-    Tensor out{in.n, in.h, in.w, numOut, {}};
-    out.data.reserve(static_cast<size_t>(in.n) * in.h * in.w * numOut);
-    std::vector<float> sum(numOut);
-    for (int image = 0; image < in.n; ++image) {
-        for (int y = 0; y < in.h; ++y) {
-            for (int x = 0; x < in.w; ++x) {
-                sum = layer.bias;
-                for (int ky = 0; ky < layer.kernelHeight; ++ky) {
-                    const int inY = y + ky - layer.kernelHeight / 2;
-                    if (inY < 0 || inY >= in.h) continue;
-                    for (int kx = 0; kx < layer.kernelWidth; ++kx) {
-                        const int inX = x + kx - layer.kernelWidth / 2;
-                        if (inX < 0 || inX >= in.w) continue;
-                        const float* pixel = &in.data[((static_cast<size_t>(image) * in.h + inY) * in.w + inX) * in.c];
-                        const float* weight = &layer.weights[(ky * layer.kernelWidth + kx) * in.c * numOut];
-                        for (int i = 0; i < in.c; ++i, weight += numOut) {
-                            for (int o = 0; o < numOut; ++o) sum[o] += pixel[i] * weight[o];
-                        }
-                    }
-                }
-                out.data.insert(out.data.end(), sum.begin(), sum.end());
-            }
+/// Calls visit(pixel, weight) for each place of the kernel over (y, x) that lies in the image: the channels of the
+/// input there and the index of the first weight that they meet.
+template <typename Visit>
+void ForEachKernelPlace(const Tensor& in, const Layer& layer, int image, int y, int x, Visit visit) {
+    for (int ky = 0; ky < layer.kernelHeight; ++ky) {
+        const int inY = y + ky - layer.kernelHeight / 2;
+        if (inY < 0 || inY >= in.h) continue;
+        for (int kx = 0; kx < layer.kernelWidth; ++kx) {
+            const int inX = x + kx - layer.kernelWidth / 2;
+            if (inX < 0 || inX >= in.w) continue;
+            visit(&in.data[((static_cast<size_t>(image) * in.h + inY) * in.w + inX) * in.c],
+                  static_cast<size_t>(ky * layer.kernelWidth + kx) * in.c * layer.outChannels);
         }
     }
-    return out;
 }
 
 /// The largest of each 2x2 block of pixels, channel by channel.
@@ -100,6 +85,69 @@ Tensor MaxPool(const Tensor& in) {
         }
     }
     return out;
+}
+
+/// The gradient of MaxPool's input: that of each block goes to its largest value, the first of equal ones.
+std::vector<float> MaxPoolBackward(const Tensor& in, const std::vector<float>& gradient) {
+    std::vector<float> out(in.data.size());
+    const size_t row = static_cast<size_t>(in.w) * in.c;
+    const float* next = gradient.data();
+    for (int image = 0; image < in.n; ++image) {
+        for (int y = 0; y + 1 < in.h; y += 2) {
+            for (int x = 0; x + 1 < in.w; x += 2) {
+                const size_t corner = (static_cast<size_t>(image) * in.h + y) * row + static_cast<size_t>(x) * in.c;
+                for (size_t top = corner; top < corner + in.c; ++top) {
+                    size_t largest = top;
+                    for (const size_t other : {top + in.c, top + row, top + row + in.c}) {
+                        if (in.data[other] > in.data[largest]) largest = other;
+                    }
+                    out[largest] = *next++;
+                }
+            }
+        }
+    }
+    return out;
+}
+
+/// The gradients of Convolve's parameters, summed over all pixels of all images.
+Gradients ParameterGradients(const Tensor& in, const Layer& layer, const Tensor& gradient) {
+    const int numOut = layer.outChannels;
+    Gradients sums{std::vector<float>(layer.weights.size()), std::vector<float>(numOut)};
+    const float* pixelGradient = gradient.data.data();
+    for (int image = 0; image < in.n; ++image) {
+        for (int y = 0; y < in.h; ++y) {
+            for (int x = 0; x < in.w; ++x, pixelGradient += numOut) {
+                for (int o = 0; o < numOut; ++o) sums.bias[o] += pixelGradient[o];
+                ForEachKernelPlace(in, layer, image, y, x, [&](const float* pixel, size_t weight) {
+                    float* sum = &sums.weights[weight];
+                    for (int i = 0; i < in.c; ++i, sum += numOut) {
+                        for (int o = 0; o < numOut; ++o) sum[o] += pixel[i] * pixelGradient[o];
+                    }
+                });
+            }
+        }
+    }
+    return sums;
+}
+
+/// The layer whose convolution takes the gradient of the sums to that of the input: the kernel turned by 180 degrees,
+/// its channels swapped, no bias. The kernel's height and width are odd.
+Layer Turned(const Layer& layer) {
+    Layer turned = layer;
+    std::swap(turned.inChannels, turned.outChannels);
+    turned.bias.assign(turned.outChannels, 0);
+    const size_t numPlaces = static_cast<size_t>(layer.kernelHeight) * layer.kernelWidth;
+    const size_t numIn = layer.inChannels;
+    const size_t numOut = layer.outChannels;
+    for (size_t place = 0; place < numPlaces; ++place) {
+        for (size_t i = 0; i < numIn; ++i) {
+            for (size_t o = 0; o < numOut; ++o) {
+                turned.weights[((numPlaces - 1 - place) * numOut + o) * numIn + i] =
+                    layer.weights[(place * numIn + i) * numOut + o];
+            }
+        }
+    }
+    return turned;
 }
 
 /// The layer's view of its input: as it is, or flattened to 1x1 for a dense layer.
@@ -151,18 +199,62 @@ Tensor Slice(const Tensor& images, int first, int count) {
     return {count, images.h, images.w, images.c, {begin + first * size, begin + (first + count) * size}};
 }
 
-Tensor Run(const Network& network, Tensor images, const InputHook& onInput) {
+// The output channel is innermost everywhere, so the inner loop runs over contiguous memory and vectorises.
+Tensor Convolve(const Tensor& in, const Layer& layer) {
+    const int numOut = layer.outChannels;
+    Tensor out{in.n, in.h, in.w, numOut, {}};
+    out.data.reserve(static_cast<size_t>(in.n) * in.h * in.w * numOut);
+    std::vector<float> sum(numOut);
+    for (int image = 0; image < in.n; ++image) {
+        for (int y = 0; y < in.h; ++y) {
+            for (int x = 0; x < in.w; ++x) {
+                sum = layer.bias;
+                ForEachKernelPlace(in, layer, image, y, x, [&](const float* pixel, size_t first) {
+                    const float* weight = &layer.weights[first];
+                    for (int i = 0; i < in.c; ++i, weight += numOut) {
+                        for (int o = 0; o < numOut; ++o) sum[o] += pixel[i] * weight[o];
+                    }
+                });
+                out.data.insert(out.data.end(), sum.begin(), sum.end());
+            }
+        }
+    }
+    return out;
+}
+
+Tensor Run(const Network& network, Tensor images, const InputHook& onInput, std::vector<Trace>* traces) {
     Tensor x = std::move(images);
     for (size_t layer = 0; layer < network.size(); ++layer) {
         FitInput(x, network[layer]);
-        onInput(layer, x.data);
-        x = Convolve(x, network[layer]);
+        onInput(layer, x);
+        Tensor out = Convolve(x, network[layer]);
         if (layer + 1 < network.size()) {
-            for (float& value : x.data) value = std::max(value, 0.0f);
+            for (float& value : out.data) value = std::max(value, 0.0f);
         }
-        if (network[layer].pooled) x = MaxPool(x);
+        if (traces != nullptr) traces->push_back({std::move(x), out});
+        x = network[layer].pooled ? MaxPool(out) : std::move(out);
     }
     return x;
+}
+
+std::vector<Gradients> Backward(const Network& network, const std::vector<Trace>& traces, std::vector<float> scores,
+                                const GradientHook& onGradient) {
+    std::vector<Gradients> gradients(network.size());
+    std::vector<float> gradient = std::move(scores);
+    for (size_t layer = network.size(); layer-- > 0;) {
+        const Tensor& out = traces[layer].output;
+        if (network[layer].pooled) gradient = MaxPoolBackward(out, gradient);
+        if (layer + 1 < network.size()) {
+            for (size_t i = 0; i < gradient.size(); ++i) {
+                if (out.data[i] <= 0) gradient[i] = 0;
+            }
+        }
+        const Tensor ofSums{out.n, out.h, out.w, out.c, std::move(gradient)};
+        gradients[layer] = ParameterGradients(traces[layer].input, network[layer], ofSums);
+        gradient = Convolve(ofSums, Turned(network[layer])).data;
+        onGradient(layer, gradient);
+    }
+    return gradients;
 }
 
 double Accuracy(const Network& network, const Images& images, const InputHook& onInput) {

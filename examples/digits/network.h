@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-// The network and its images: plain C++ that knows nothing of quantisation. Failures are std::runtime_error.
+// The network and its images: plain C++ that knows nothing of quantisation. Failures are std::runtime_error. Every sum
+// is in single precision and in one order, so that a run gives the same bits each time.
 
 namespace digits {
 
@@ -49,15 +50,39 @@ struct Dataset {
 Network LoadNetwork(const std::string& path);
 Dataset LoadDataset(const std::string& path);
 
-/// The `count` images of `images` from `first` on.
+/// The `count` images from `first` on.
 Tensor Slice(const Tensor& images, int first, int count);
 
-/// Called with a layer's index and its input before the layer runs. Whatever it makes of the input is what the layer
-/// sees: look at it to calibrate, change it to quantise.
-using InputHook = std::function<void(size_t layer, std::vector<float>& input)>;
+/// The layer's sums, before ReLU and pooling:
+/// out[y][x][o] = bias[o] + the sum over ky, kx, i of in[y + ky - kh / 2][x + kx - kw / 2][i] * weights[ky][kx][i][o].
+Tensor Convolve(const Tensor& in, const Layer& layer);
 
-/// The network's scores, [n][1][1][digits].
-Tensor Run(const Network& network, Tensor images, const InputHook& onInput);
+/// Called with a layer's index and its input before the layer runs. Whatever it makes of the values is what the layer
+/// sees: look at them to calibrate, change them to quantise.
+using InputHook = std::function<void(size_t layer, Tensor& input)>;
+
+/// What the backward pass of a layer needs of its forward pass.
+struct Trace {
+    Tensor input;   // as the layer saw it
+    Tensor output;  // after ReLU, before pooling
+};
+
+/// The network's scores, [n][1][1][digits]. With `traces`, one for each layer is stored there.
+Tensor Run(const Network& network, Tensor images, const InputHook& onInput, std::vector<Trace>* traces = nullptr);
+
+/// The gradients of a loss with respect to a layer's parameters, laid out as these.
+struct Gradients {
+    std::vector<float> weights;
+    std::vector<float> bias;
+};
+
+/// Called with a layer's index and the gradient with respect to what the layer saw; to be made that with respect to
+/// what the hook of the forward pass was given.
+using GradientHook = std::function<void(size_t layer, std::vector<float>& gradient)>;
+
+/// The gradients of all layers from that of the scores, layer by layer from the last to the first.
+std::vector<Gradients> Backward(const Network& network, const std::vector<Trace>& traces, std::vector<float> scores,
+                                const GradientHook& onGradient);
 
 /// Percentage of images whose best score is their label's.
 double Accuracy(const Network& network, const Images& images, const InputHook& onInput);

@@ -5,8 +5,8 @@
 
 The images are the UCI "Optical Recognition of Handwritten Digits" set (E. Alpaydin, C. Kaynak, 1998; CC BY 4.0) in
 scikit-learn's copy: 1,797 images of 8x8 pixels with grey levels 0 to 16. A fixed permutation splits them into 1,297
-images for training, from which the example also draws its calibration batches, and 500 held-out images that neither
-training nor calibration sees. The network is small on purpose: 8 bits cost it next to nothing, 4 bits a few points.
+images for training, with which the example also calibrates and retrains, and 500 held-out images that none of the
+three sees. The network is small on purpose: 8 bits cost it next to nothing, 4 bits a few points.
 
     conv1  3x3,  1 ->  8, ReLU                  8x8x8
     conv2  3x3,  8 -> 16, ReLU, 2x2 max pool    4x4x16
