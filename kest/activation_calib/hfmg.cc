@@ -109,9 +109,12 @@ void HfmgDistributeInter(int numBins, T minValue, T binWidth, std::vector<DataBi
     std::vector<unsigned int> counts(narrow ? 0 : kBinCounts * static_cast<std::size_t>(numBins));
     const std::size_t first = bins.size();
     bins.resize(first + static_cast<std::size_t>(numBins));
+    const auto bound = [=](int64_t j) { return std::fma(static_cast<T>(j), binWidth, minValue); };
+    T lower = bound(0);
     for (int j = 0; j < numBins; ++j) {
-        bins[first + j] = {0, std::fma(static_cast<T>(j), binWidth, minValue),
-                           std::fma(static_cast<T>(j + int64_t{1}), binWidth, minValue)};
+        const T upper = bound(j + int64_t{1});
+        bins[first + j] = {0, lower, upper};
+        lower = upper;
     }
     if (narrow) {
         bins[first + numBins / 2].count += input.length;

@@ -147,7 +147,7 @@ TEST(Nuq, WorkedRows) {
 TEST(Nuq, AgainstPlainLoops) {
     for (const unsigned int numChannels : {1u, 3u, 20u})
         for (const unsigned int step : {1u, 15u, 16u, 17u, 33u, 260u})
-            for (const unsigned int numClusters : {1u, 5u, 16u}) {
+            for (const unsigned int numClusters : {1u, 5u, 16u, 40u}) {
                 AgainstPlain<float>(numChannels, step, numClusters);
                 AgainstPlain<double>(numChannels, step, numClusters);
             }
