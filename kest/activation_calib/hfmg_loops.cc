@@ -39,17 +39,6 @@ KEST_INLINE void CountBins(const uint32_t* bins, std::size_t n, unsigned int* co
         for (std::size_t k = 0; k < kBinCounts; ++k) ++counts[kBinCounts * bins[i + k] + k];
 }
 
-KEST_INLINE float Floor(float x) {
-    return __builtin_floorf(x);
-}
-KEST_INLINE double Floor(double x) {
-    return __builtin_floor(x);
-}
-
-KEST_INLINE float Fma(float a, float b, float c) {
-    return __builtin_fmaf(a, b, c);
-}
-
 KEST_INLINE double Cube(double x) {
     return x * x * x;
 }
@@ -76,7 +65,7 @@ struct OrdinaryRange {
 #if defined(__FMA__) || defined(__ARM_FEATURE_FMA)
         constexpr double kThird = 1.0 / 3;
         const double quotient = x * kThird;
-        return static_cast<float>(__builtin_fma(__builtin_fma(-3, quotient, x), kThird, quotient));
+        return static_cast<float>(util::Fma(util::Fma(-3.0, quotient, x), kThird, quotient));
 #else
         return AnyRange::Third(x);
 #endif
@@ -113,14 +102,14 @@ KEST_INLINE void AddLossOfBins(const DataBin<T>* bins, std::size_t numBins, T wi
             const typename Range::template Divider<T> levelOf(levelWidth, reciprocal[lane]);
             const T begin = static_cast<T>(static_cast<int32_t>(i) - lanes.firstBin[lane]) * width;
             const T end = begin + width;
-            const Level low = util::Clamp<Level>(Floor(levelOf(begin)), 0, lastLevel);
-            const Level high = util::Clamp<Level>(Floor(levelOf(end)), 0, lastLevel);
+            const Level low = util::Clamp<Level>(util::Floor(levelOf(begin)), 0, lastLevel);
+            const Level high = util::Clamp<Level>(util::Floor(levelOf(end)), 0, lastLevel);
             const bool within = low == high;  // one level
             const double left = Cube(begin - (static_cast<T>(low) * levelWidth + half[lane]));
             const double right = Cube(end - (static_cast<T>(high) * levelWidth + half[lane]));
-            const float lower = Fma(density, Range::Third((within ? right : halfCube[lane]) - left), loss[lane]);
-            const float middle = Fma(static_cast<float>(high - low - 1) * density, across[lane], lower);
-            const float upper = Fma(density, Range::Third(right + halfCube[lane]), middle);
+            const float lower = util::Fma(density, Range::Third((within ? right : halfCube[lane]) - left), loss[lane]);
+            const float middle = util::Fma(static_cast<float>(high - low - 1) * density, across[lane], lower);
+            const float upper = util::Fma(density, Range::Third(right + halfCube[lane]), middle);
             loss[lane] = within ? lower : upper;
         }
     }

@@ -28,7 +28,7 @@ KEST_INLINE float ErrorOf(float quotient, float scale, float x) {
     return quotient * scale - x;
 }
 KEST_INLINE double ErrorOf(double quotient, double scale, double x) {
-    return __builtin_fma(scale, quotient, -x);
+    return util::Fma(scale, quotient, -x);
 }
 
 /// Any ranges, any values.
@@ -70,7 +70,7 @@ KEST_INLINE void AddLosses(const float* x, std::size_t n, float count, ClipLanes
                 const util::Divider<float> quotient(lanes.scale[lane], reciprocal[lane]);
                 const float y = size > clip[lane] ? clip[lane] : size;
                 // Not negative: the half needs no sign.
-                const float rounded = __builtin_truncf(quotient(y) + 0.49999997f);
+                const float rounded = util::Trunc(quotient(y) + 0.49999997f);
                 const float error = rounded * lanes.scale[lane] - size;
                 loss[lane] += mean(error * error);
             }

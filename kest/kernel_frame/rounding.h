@@ -8,13 +8,33 @@
 
 namespace util {
 
+// One name for both precisions; instructions, and calls of the C library only where the machine lacks them.
+KEST_INLINE float Trunc(float x) {
+    return __builtin_truncf(x);
+}
+KEST_INLINE double Trunc(double x) {
+    return __builtin_trunc(x);
+}
+KEST_INLINE float Floor(float x) {
+    return __builtin_floorf(x);
+}
+KEST_INLINE double Floor(double x) {
+    return __builtin_floor(x);
+}
+KEST_INLINE float Fma(float a, float b, float c) {
+    return __builtin_fmaf(a, b, c);
+}
+KEST_INLINE double Fma(double a, double b, double c) {
+    return __builtin_fma(a, b, c);
+}
+
 /// Nearest integer, halves away from zero. Same bits as std::round for every value but a signalling NaN, which comes
 /// back quiet. Unlike std::round it vectorises.
 KEST_INLINE float RoundHalfAway(float x) {
-    return __builtin_truncf(x + __builtin_copysignf(0.49999997f, x));  // the largest float below one half
+    return Trunc(x + __builtin_copysignf(0.49999997f, x));  // the largest float below one half
 }
 KEST_INLINE double RoundHalfAway(double x) {
-    return __builtin_trunc(x + __builtin_copysign(0.49999999999999994, x));
+    return Trunc(x + __builtin_copysign(0.49999999999999994, x));
 }
 
 /// Truncates toward zero; what Int cannot hold becomes its nearest limit, NaN becomes 0.

@@ -1,16 +1,11 @@
 #include <kest/weight_quant/kmeans_loops.h>
 
+#include <kest/kernel_frame/rounding.h>
+
 #include <type_traits>
 
 namespace KestCommon {
 namespace {
-
-KEST_INLINE float Trunc(float x) {
-    return __builtin_truncf(x);
-}
-KEST_INLINE double Trunc(double x) {
-    return __builtin_trunc(x);
-}
 
 /// The smaller of a squared distance so far and that to another centre. The square of a difference of two floats is
 /// exact in double precision, so rounding it at once to float is the same.
@@ -49,7 +44,7 @@ KEST_INLINE void AddScores(const T* x, const T* distance, std::size_t n, SeedSco
         if (!kWholePotentials) {
             T truncated[kSeedLanes];
             __builtin_memcpy(truncated, &potential, sizeof truncated);
-            for (int lane = 0; lane < kSeedLanes; ++lane) truncated[lane] = Trunc(truncated[lane]);
+            for (int lane = 0; lane < kSeedLanes; ++lane) truncated[lane] = util::Trunc(truncated[lane]);
             __builtin_memcpy(&potential, truncated, sizeof potential);
         }
         sum += nearer;

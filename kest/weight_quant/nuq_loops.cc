@@ -10,12 +10,12 @@ namespace {
 
 /// Adds an element to the sums of a least-squares fit.
 KEST_INLINE void AddToFit(float x, float code, float& product, float& square) {
-    product = __builtin_fmaf(x, code, product);
+    product = util::Fma(x, code, product);
     square += code * code;
 }
 KEST_INLINE void AddToFit(double x, double code, double& product, double& square) {
-    product = __builtin_fma(x, code, product);
-    square = __builtin_fma(code, code, square);
+    product = util::Fma(x, code, product);
+    square = util::Fma(code, code, square);
 }
 
 }  // namespace
@@ -74,7 +74,7 @@ void NuqWeightLoops<Isa>::FakeQuant(const float* x, float* out, std::size_t n, c
             for (std::size_t i = 0; i < count; ++i) {
                 // An integer, compared as the float that it is; NaN counts as 0.
                 const float difference = value[i] - centre;
-                const float distance = difference == difference ? __builtin_fabsf(__builtin_truncf(difference)) : 0;
+                const float distance = difference == difference ? __builtin_fabsf(util::Trunc(difference)) : 0;
                 const bool closer = distance < smallest[i];
                 smallest[i] = closer ? distance : smallest[i];
                 nearest[i] = closer ? centre : nearest[i];

@@ -12,23 +12,10 @@ constexpr std::size_t kBlock = 256;  // quotients that are computed at once
 constexpr int kLow = -32768;         // what 16 bits hold
 constexpr int kHigh = 32767;
 
-KEST_INLINE float Floor(float x) {
-    return __builtin_floorf(x);
-}
-KEST_INLINE double Floor(double x) {
-    return __builtin_floor(x);
-}
-KEST_INLINE float Fma(float a, float b, float c) {
-    return __builtin_fmaf(a, b, c);
-}
-KEST_INLINE double Fma(double a, double b, double c) {
-    return __builtin_fma(a, b, c);
-}
-
 /// What a shift makes of q, less q; `shifted` is q / factor.
 template <typename T>
 KEST_INLINE T ErrorOf(T q, T shifted, T factor) {
-    return Fma(util::Clamp(Floor(shifted), T{kLow}, T{kHigh}), factor, -q);
+    return util::Fma(util::Clamp(util::Floor(shifted), T{kLow}, T{kHigh}), factor, -q);
 }
 
 KEST_INLINE int32_t Saturate(int32_t x) {

@@ -14,13 +14,6 @@ KEST_INLINE double RoundingError(double r) {
     return (util::RoundHalfAway(r) - r) * (1.0 / 255.0);
 }
 
-KEST_INLINE float Fma(float a, float b, float c) {
-    return __builtin_fmaf(a, b, c);
-}
-KEST_INLINE double Fma(double a, double b, double c) {
-    return __builtin_fma(a, b, c);
-}
-
 constexpr std::size_t kBlock = 256;
 
 /// What the gradients of a block of elements count in each of the two sums.
@@ -42,8 +35,8 @@ struct UlqFactors {
 
     KEST_INLINE void Add(const T* grad, std::size_t n, std::size_t first, UlqGradient<T>& gradient) const {
         for (std::size_t i = 0; i < n; ++i) {
-            gradient.max = Fma(max[first + i], grad[i], gradient.max);
-            gradient.min = Fma(min[first + i], grad[i], gradient.min);
+            gradient.max = util::Fma(max[first + i], grad[i], gradient.max);
+            gradient.min = util::Fma(min[first + i], grad[i], gradient.min);
         }
     }
 };
