@@ -12,7 +12,8 @@
 // without keeping them. Each batch is counted into bins of one width; a batch that widens the range has the bins so far
 // counted anew into the wider ones. After the last batch the sparse tails are trimmed bin by bin into a row of
 // candidate clip ranges, and the one with the smallest squared error wins, values taken as spread evenly inside their
-// bin. Activation ARQ is the same scale and offset from a minimum and a maximum.
+// bin. (Clip ranges by least squared error: Choukroun et al., "Low-bit Quantization of Neural Networks for Efficient
+// Inference", 2019.) Activation ARQ is the same scale and offset from a minimum and a maximum.
 //
 //   with offset     range [min(0, minimum), max(0, maximum)], scale = range / (2^numBits - 1),
 //                   offset = -2^(numBits - 1) - round(minimum / scale)
@@ -23,9 +24,9 @@
 // others are defined: with 0 or 1 the scale may be 1, infinite, NaN or |bound| * 2^52.
 //
 // NaN values are passed over in the search for minimum and maximum; a batch without any number has both at 0, or, added
-// to a histogram, leaves its range alone. NaN counts in bin 0, and with an infinite value in the batch all values do,
-// for then no bin can be computed: the bounds become infinite or NaN, and the histogram is of no further use. The total
-// count is the number of values whatever they are.
+// to a histogram, leaves its range alone. NaN counts in bin 0, and with an infinite value in the batch, or a range
+// beyond the largest T, all values do, for then no bin can be computed: the bounds become infinite or NaN, and the
+// histogram is of no further use. The total count is the number of values whatever they are.
 //
 // Counts are 32-bit and wrap: a bin holds at most 2^32 - 1 values over all batches.
 //
@@ -75,8 +76,9 @@ template <typename T>
 KEST_EXPORT int HfmgMerge(int numBins, std::vector<DataBin<T>>& bins, const InputData<T>& input);
 
 /// Adds the counts of oldBins to newBins, which start at minValue and are binWidth wide. `sameRange`: bin by bin. Else
-/// a bin that straddles two new ones is split in proportion, and an old bin beyond bin oldBins.size() - 1 counts there.
-/// The total is conserved; what lies beyond the last new bin counts in it. Nothing happens without a new bin.
+/// a bin that straddles two new ones is split in proportion, one of no width counts whole, and an old bin beyond bin
+/// oldBins.size() - 1 counts there. The total is conserved; what lies beyond the last new bin counts in it. Nothing
+/// happens without a new bin.
 template <typename T>
 KEST_EXPORT void HfmgMergeInter(std::vector<DataBin<T>>& oldBins, std::vector<DataBin<T>>& newBins, bool sameRange,
                                 T minValue, T binWidth);

@@ -30,9 +30,9 @@ struct HfmgLoops {
 
     /// Adds the loss of all bins, `width` wide, to each lane; may stop once every lane's loss exceeds `enough`.
     ///
-    /// A lane's loss does not fall from one bin to the next: only the part of a bin at the upper edge of a level can
-    /// come out negative, by rounding, and the part in the next level outweighs it: by a factor of 2^22 / numBins in
-    /// single precision.
+    /// A lane's loss does not fall from one bin to the next: of a bin that is split between levels either part can come
+    /// out slightly negative, by rounding, but the other one outweighs it, by a factor of some 2^19 / numBins in single
+    /// precision.
     static void AddLoss(const DataBin<T>* bins, std::size_t numBins, T width, unsigned int numLevels, float enough,
                         RangeLanes<T>& lanes);
 };

@@ -87,7 +87,7 @@ template <typename T>
 void SeedCenters(const std::vector<T>& values, T median, std::vector<T>& centers) {
     const std::size_t numCandidates = static_cast<std::size_t>(std::log(static_cast<double>(centers.size()))) + 2;
     Seeding<T> seeding(values);
-    centers[0] = seeding.Best({median});
+    centers[0] = seeding.Best({median});  // for the sums: all distances are infinite before it
     std::vector<T> candidates(numCandidates, 0);
     for (std::size_t k = 1; k < centers.size(); ++k) {
         seeding.Take(centers[k - 1]);

@@ -44,8 +44,10 @@ struct ThrustParam {};
 /// refitted scale that is infinite or above 2^23: the scales behind it stay unchecked, the others are as refitted, one
 /// below 2^-23 is 1.
 ///
-/// A channel of zeros whose nearest centre is not 0 is refitted to scale 0. In a round that is not the last this leaves
-/// the channels without finite weights, and so the centres NaN.
+/// On the way to the grid a quotient that is NaN (0 / 0, by a refitted scale of 0) counts as 0 before the offset is
+/// added. A refitted offset saturates at 32 bits; NaN gives 0. A channel of zeros whose nearest centre is not 0 is
+/// refitted to scale 0: in a round that is not the last this leaves the channels without finite weights, and so the
+/// centres NaN.
 template <typename T>
 KEST_EXPORT int NuqCalibrationCpuKernel(const T* data, std::vector<T>& gridValues, std::vector<T>& centers,
                                         unsigned int length, const NuqParam& nuqParam, const util::FloatData& scale,
@@ -128,8 +130,9 @@ struct KEST_EXPORT NuqFunctor<util::ThreadPoolDevice, float> {
 
 /// Fake-quantises `in` with the stored factors and the published centres: the weight x becomes (offset + centre) *
 /// scale, with the first centre whose distance to t = clamp(x / scale - offset) is smallest when truncated to an
-/// integer. clamp is to the grid of numBits bits; a scale below 2^-52 leaves t = clamp(x). The `length` mod channelNum
-/// elements behind the last channel become their centre. Without centres what `out` holds is taken for them. `in` and
+/// integer; a NaN difference counts as 0, and all from 2^31 on are equal. clamp is to the grid of numBits bits, also to
+/// one beyond 32 bits; a scale below 2^-52 leaves t = clamp(x). The `length` mod channelNum elements behind the last
+/// channel become their centre, unclamped and unscaled. Without centres what `out` holds is taken for them. `in` and
 /// `out` may be the same array. STATUS_BAD_PARAM, nothing written, for channelNum below 1.
 template <>
 struct KEST_EXPORT FakeQuantWithNuq<util::ThreadPoolDevice, float> {

@@ -15,7 +15,8 @@
 // and the N with the smallest one wins, the smallest of equal ones. NaN errors never win over the first. Small values
 // get 1. (The search over integer data truncates toward zero instead of flooring.)
 //
-// No function here can fail. The results do not depend on the number of threads.
+// This is the search for a power-of-two requantisation step by least squared error. No function here can fail. The
+// results do not depend on the number of threads.
 
 namespace KestCommon {
 
@@ -70,8 +71,8 @@ struct SearchnQuantParam {
 
 /// Writes a shift for each row of channelData to shiftBits, or for all rows together, in order, to shiftBits[0] only
 /// (quant.perTensor). Every row is taken to hold as many values as the shortest. q is rounded half away from zero, in
-/// single precision; the errors are summed in single precision, each addition rounded once. Parallel over the rows.
-/// Nothing is written without a row. Always STATUS_OK. T = float.
+/// single precision; each error is added in double precision and the sum rounded to float. Parallel over the rows, but
+/// for perTensor. Nothing is written without a row. Always STATUS_OK. T = float.
 template <typename T>
 KEST_EXPORT int SearchNInternelCpu(std::vector<std::vector<T>>& channelData, int* shiftBits,
                                    SearchnQuantParam<T>& quant);
@@ -81,8 +82,9 @@ struct KEST_EXPORT SearchNFunctor;
 
 /// Searches over batchNum batches, one a call: increments batchCounter, appends each value to the row of its channel
 /// (a value without a row is dropped) and, on the call that makes them equal, runs SearchNInternelCpu on all rows; then
-/// shiftBitsFloat[i] = shiftBits[i] for every row. Later calls only count. Always STATUS_OK. Rows and counter belong to
-/// the caller, are never reset here, and are used by one call at a time.
+/// shiftBitsFloat[i] = shiftBits[i] for every row. Later calls only count. Always STATUS_OK. After a std::bad_alloc the
+/// batch is counted and some rows may have grown by zeros. Rows and counter belong to the caller, are never reset here,
+/// and are used by one call at a time.
 template <>
 struct KEST_EXPORT SearchNFunctor<util::ThreadPoolDevice, float> {
     int operator()(Param& param, int& batchCounter, int& batchNum, SearchnInputParam<float>& input,

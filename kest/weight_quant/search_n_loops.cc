@@ -18,11 +18,6 @@ KEST_INLINE T ErrorOf(T q, T shifted, T factor) {
     return util::Fma(util::Clamp(util::Floor(shifted), T{kLow}, T{kHigh}), factor, -q);
 }
 
-KEST_INLINE int32_t Saturate(int32_t x) {
-    x = x < kLow ? kLow : x;
-    return x > kHigh ? kHigh : x;
-}
-
 template <typename T>
 struct Factors {
     T factor[kNumShifts];
@@ -36,50 +31,40 @@ struct Factors {
     }
 };
 
-}  // namespace
-
-template <typename Isa, typename T>
-void ShiftLoops<Isa, T>::AddErrors(const T* x, std::size_t n, std::size_t stride, T scale, T* sums) {
+/// Adds the error of each quotient to the sums, add(sum, error) at a time. `Add` is inlined.
+template <typename T, typename Add>
+KEST_INLINE void AddErrorsOfQuotients(const T* x, std::size_t n, T scale, T* sums, Add add) {
     const Factors<T> factors;
     T sum[kNumShifts];
     for (int lane = 0; lane < kNumShifts; ++lane) sum[lane] = sums[lane];
-    T block[kBlock];
-    for (std::size_t first = 0; first < n; first += kBlock) {
-        const std::size_t count = n - first < kBlock ? n - first : kBlock;
-        if (stride == 1) {
-            for (std::size_t i = 0; i < count; ++i) block[i] = util::RoundHalfAway(x[first + i] / scale);
-        } else {
-            for (std::size_t i = 0; i < count; ++i) block[i] = util::RoundHalfAway(x[(first + i) * stride] / scale);
-        }
+    T quotients[kBlock];
+    while (n > 0) {
+        const std::size_t count = n < kBlock ? n : kBlock;
+        for (std::size_t i = 0; i < count; ++i) quotients[i] = util::RoundHalfAway(x[i] / scale);
         for (std::size_t i = 0; i < count; ++i) {
-            const T q = block[i];
-            for (int lane = 0; lane < kNumShifts; ++lane) {
-                const T error = ErrorOf(q, q * factors.reciprocal[lane], factors.factor[lane]);
-                sum[lane] += error * error;
-            }
+            const T q = quotients[i];
+            for (int lane = 0; lane < kNumShifts; ++lane)
+                sum[lane] = add(sum[lane], ErrorOf(q, q * factors.reciprocal[lane], factors.factor[lane]));
         }
+        x += count;
+        n -= count;
     }
     for (int lane = 0; lane < kNumShifts; ++lane) sums[lane] = sum[lane];
 }
 
+}  // namespace
+
+template <typename Isa, typename T>
+void ShiftLoops<Isa, T>::AddErrors(const T* x, std::size_t n, T scale, T* sums) {
+    AddErrorsOfQuotients(
+        x, n, scale, sums, [](T sum, T error) __attribute__((always_inline)) { return sum + error * error; });
+}
+
 template <typename Isa>
 void SearchNLoops<Isa>::AddErrors(const float* x, std::size_t n, float scale, float* sums) {
-    const Factors<float> factors;
-    float sum[kNumShifts];
-    for (int lane = 0; lane < kNumShifts; ++lane) sum[lane] = sums[lane];
-    float block[kBlock];
-    for (std::size_t first = 0; first < n; first += kBlock) {
-        const std::size_t count = n - first < kBlock ? n - first : kBlock;
-        for (std::size_t i = 0; i < count; ++i) block[i] = util::RoundHalfAway(x[first + i] / scale);
-        for (std::size_t i = 0; i < count; ++i) {
-            const float q = block[i];
-            for (int lane = 0; lane < kNumShifts; ++lane) {
-                const double error = ErrorOf(q, q * factors.reciprocal[lane], factors.factor[lane]);
-                sum[lane] = static_cast<float>(sum[lane] + error * error);
-            }
-        }
-    }
-    for (int lane = 0; lane < kNumShifts; ++lane) sums[lane] = sum[lane];
+    AddErrorsOfQuotients(
+        x, n, scale, sums,
+        [](float sum, double error) __attribute__((always_inline)) { return static_cast<float>(sum + error * error); });
 }
 
 template <typename Isa>
@@ -118,7 +103,8 @@ void SearchNLoops<Isa>::Errors(const float* x, std::size_t n, double* errors, in
 template <typename Isa>
 void SearchNLoops<Isa>::Errors(const int* x, std::size_t n, double* errors, int factor) {
     for (std::size_t i = 0; i < n; ++i) {
-        const uint32_t shifted = static_cast<uint32_t>(Saturate(x[i] / factor)) * static_cast<uint32_t>(factor);
+        const uint32_t shifted =
+            static_cast<uint32_t>(util::Clamp(x[i] / factor, kLow, kHigh)) * static_cast<uint32_t>(factor);
         const double error = static_cast<int32_t>(shifted - static_cast<uint32_t>(x[i]));  // wraps beyond 65536
         errors[i] = error * error;
     }

@@ -13,14 +13,13 @@ constexpr int kNumShifts = 16;  // 1 to 16
 /// together, a lane each, so that the data are read once and each sum has its terms in order.
 template <typename Isa, typename T>
 struct ShiftLoops {
-    /// sums[N - 1] += the squared error of the shift N, for n values `stride` apart, divided by `scale` and rounded; in
-    /// T throughout.
-    static void AddErrors(const T* x, std::size_t n, std::size_t stride, T scale, T* sums);
+    /// sums[N - 1] += the squared error of the shift N, for n values divided by `scale` and rounded; in T throughout.
+    static void AddErrors(const T* x, std::size_t n, T scale, T* sums);
 };
 
 template <typename Isa>
 struct SearchNLoops {
-    /// The same for adjacent values, with each addition in double precision and rounded to float.
+    /// The same with each error squared and added in double precision, the sum then rounded to float.
     static void AddErrors(const float* x, std::size_t n, float scale, float* sums);
 
     /// The same for integers, which truncate; the sums in double precision.

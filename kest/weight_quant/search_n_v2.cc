@@ -16,8 +16,8 @@ template <typename T>
 using Errors = std::array<T, kNumShifts>;
 
 template <typename T>
-void AddErrors(const T* x, std::size_t n, std::size_t stride, float scale, Errors<T>& errors) {
-    util::DispatchIsa([&](auto isa) { ShiftLoops<decltype(isa), T>::AddErrors(x, n, stride, scale, errors.data()); });
+void AddErrors(const T* x, std::size_t n, float scale, Errors<T>& errors) {
+    util::DispatchIsa([&](auto isa) { ShiftLoops<decltype(isa), T>::AddErrors(x, n, scale, errors.data()); });
 }
 
 /// Adds the errors of each row, or of all rows (`perTensor`: one entry), to the table.
@@ -38,7 +38,7 @@ int SearchNV2AccumulateError(std::vector<std::vector<T>>& channelData, std::vect
     const std::size_t length = ShortestRow(channelData);
     std::vector<Errors<T>> errors(perTensor ? 1 : channelData.size(), Errors<T>{});
     for (std::size_t c = 0; c < channelData.size(); ++c)
-        AddErrors(channelData[c].data(), length, 1, scale.data[c], errors[perTensor ? 0 : c]);
+        AddErrors(channelData[c].data(), length, scale.data[c], errors[perTensor ? 0 : c]);
     AddToTable(errors, errorTable);
     return STATUS_OK;
 }
@@ -78,11 +78,15 @@ int AccumulateBatch(const KestCommon::ChannelRule& rule, std::size_t numRows, bo
     // With the channel innermost a stretch of this many values of each row stays in the cache for all rows.
     constexpr std::size_t kStretch = 128;
     const std::size_t stretch = rule.run > 1 ? rule.run : kStretch;
-    const std::size_t stride = rule.run > 1 ? 1 : rule.numChannels;
     const auto addStretch = [&](std::size_t c, std::size_t first) {
         const float* x = batch.data + (first / rule.run * rule.numChannels + c) * rule.run;
         const std::size_t count = std::min(stretch, rowLength - first);
-        KestCommon::AddErrors(x, count, stride, scale[c], errors[perTensor ? 0 : c]);
+        float gathered[kStretch];
+        if (rule.run == 1) {
+            for (std::size_t i = 0; i < count; ++i) gathered[i] = x[i * rule.numChannels];
+            x = gathered;
+        }
+        KestCommon::AddErrors(x, count, scale[c], errors[perTensor ? 0 : c]);
     };
     if (perTensor) {  // the sum runs over whole rows
         for (std::size_t c = 0; c < numRows; ++c)

@@ -67,7 +67,11 @@ struct KEST_EXPORT SearchNV2Functor;
 /// the call that makes counter and batchNum equal, writes shiftBits, and shiftBitsFloat for every row of the table.
 /// Later calls only count. Without channelWise all values are one row, and channelNum is 1 unless perTensor.
 ///
-/// EMPTY_CONTAINER_ERROR, nothing added or written, when channelWise and channelNum is below 1. Table and counter
+/// Here too every row of a batch is taken to hold as many values as the shortest: a batch adds nothing if it has no
+/// values for one of the channelNum channels. Without any errors all shifts are 1.
+///
+/// EMPTY_CONTAINER_ERROR, nothing added or written but the table emptied by the first call, when channelWise and
+/// channelNum is below 1. Table and counter
 /// belong to the caller and are used by one call at a time. Needs memory for sixteen errors a channel.
 template <>
 struct KEST_EXPORT SearchNV2Functor<util::ThreadPoolDevice, float> {

@@ -30,6 +30,16 @@ bool IsShapeOf(const std::vector<int>& shape, int length) {
     return product == length;
 }
 
+template <typename T>
+void SwapAxes(T* data, std::size_t length, std::size_t numRows, std::size_t numColumns) {
+    const std::size_t inner = length / (numRows * numColumns);
+    const std::vector<T> copy(data, data + length);
+    for (std::size_t column = 0; column < numColumns; ++column) {
+        for (std::size_t row = 0; row < numRows; ++row)
+            data = std::copy_n(&copy[(row * numColumns + column) * inner], inner, data);
+    }
+}
+
 }  // namespace
 
 template <typename T>
@@ -131,15 +141,7 @@ void TransposeAB(T* data, int length, std::vector<int>& shape) {
         LOG_ERROR("The length and length calculated by shape are different!\n");
         return;
     }
-    const std::size_t numRows = shape[0];
-    const std::size_t numColumns = shape[1];
-    const std::size_t inner = length > 0 ? length / (numRows * numColumns) : 0;
-    const std::vector<T> copy(data, data + length);
-    T* out = data;
-    for (std::size_t column = 0; column < numColumns; ++column) {
-        for (std::size_t row = 0; row < numRows; ++row)
-            out = std::copy_n(copy.data() + (row * numColumns + column) * inner, inner, out);
-    }
+    if (length > 0) SwapAxes(data, length, shape[0], shape[1]);
     std::swap(shape[0], shape[1]);
 }
 

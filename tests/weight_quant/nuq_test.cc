@@ -153,6 +153,37 @@ TEST(Nuq, AgainstPlainLoops) {
             }
 }
 
+template <typename T>
+void ManyValues() {
+    // Potentials between 2^20 and 2^23 have fractions to lose.
+    std::vector<T> x = MixedValues<T>(12000, 3, 30), plain = x, centers(16), plainCenters(16);
+    std::vector<double> weights(x.size(), 1.0 / 12000);
+    KestCommon::Kmeans(x, 16, weights, centers);
+    PlainKmeans(plain, weights, plainCenters);
+    ExpectSameBits(plainCenters, centers);
+    ExpectSameBits(plain, x);
+}
+
+TEST(Nuq, ManyValuesAgainstPlainLoops) {
+    ManyValues<float>();
+    ManyValues<double>();
+    const std::vector<float> x = MixedValues<float>(2 * 200, 5, 30);
+    std::vector<float> scale{0.3f, 0x1p-53f}, out(x.size());
+    std::vector<int> offset{-3, 2}, centers{5, -128, -7, 40, 6, 127, -40};
+    const KestTfOp::WeightNuqQuantParam param{nullptr, nullptr, nullptr, scale.data(), offset.data(), centers.data(), 2,
+                                              7,       7,       0,       false};
+    EXPECT_EQ(STATUS_OK,
+              (KestTfOp::FakeQuantWithNuq<util::ThreadPoolDevice, float>()(param, x.data(), out.data(), 400)));
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        const float s = scale[i / 200], o = static_cast<float>(offset[i / 200]);
+        const float code = std::clamp(i < 200 ? x[i] / s - o : x[i], -64.0f, 63.0f);
+        const auto distance = [=](int center) { return std::abs(static_cast<int>(code - static_cast<float>(center))); };
+        const int nearest =
+            *std::min_element(centers.begin(), centers.end(), [=](int a, int b) { return distance(a) < distance(b); });
+        ASSERT_EQ((o + static_cast<float>(nearest)) * s, out[i]) << i;
+    }
+}
+
 TEST(Nuq, FirstFailingCheckDecidesAndNothingIsWritten) {
     const std::string logs[] = {"Empty data pointer!",
                                 "The length cannot be 0!",

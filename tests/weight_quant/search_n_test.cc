@@ -155,6 +155,33 @@ TEST(SearchN, BothFunctorsSearchOnTheLastBatch) {
     EXPECT_EQ(EMPTY_CONTAINER_ERROR, kSearchNV2(paramV2, counterV2, batchNum, inV2, qV2));
 }
 
+TEST(SearchNV2, FunctorAddsTheErrorsOfItsRows) {
+    struct Layout {
+        const char* format;
+        std::vector<int> shape;
+        int run;  // adjacent values of a channel
+    };
+    const Layout layouts[] = {{"NCHW", {9, 3, 5, 8}, 40}, {"NCDHW", {9, 3, 2, 5, 4}, 40}, {"NHWC", {9, 5, 8, 3}, 1}};
+    std::vector<float> scale{0.3f, 1, 2};
+    for (const Layout& layout : layouts) {
+        for (const int n : {40, 119, 1000, 1001, 1080}) {  // partial periods leave rows of unequal length
+            std::vector<float> x = MixedValues<float>(n, n, 1e6f);
+            Rows rows(3);
+            for (int i = 0; i < n; ++i) rows[i / layout.run % 3].push_back(x[i]);
+            for (const bool perTensor : {false, true}) {
+                Rows expected(3, std::vector<float>(16));
+                KestCommon::SearchNV2AccumulateError(rows, expected, {3, scale.data()}, perTensor);
+                KestTfOp::DataParam param{layout.shape, true, layout.format, nullptr};
+                KestCommon::SearchnV2InputParam<float> input{{}, n, x.data()};
+                KestTfOp::SearchnV2QuantParam<float> quant{perTensor, nullptr, scale.data(), 3};
+                int counter = 0, batchNum = 2;
+                EXPECT_EQ(STATUS_OK, kSearchNV2(param, counter, batchNum, input, quant));
+                EXPECT_EQ(expected, input.errorTable) << layout.format << ", " << n << " values";
+            }
+        }
+    }
+}
+
 template <typename Sum, typename T>
 int PlainSearch(const std::vector<T>& x) {
     std::vector<Sum> sums(16);

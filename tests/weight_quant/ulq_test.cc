@@ -66,6 +66,20 @@ void GradientRows(T k) {
     ExpectSameBits<T>({rest(f), rest(1 - f)}, diff({-21, -21}, {g, -g}, bounds));
     ExpectSameBits<T>({rest(f), rest(-f)}, diff({2.25, 2.25}, {g, -g}, bounds));
     ExpectSameBits<T>({0, 0}, diff({11}, {1}, {10, -20, 127}));
+
+    const std::vector<T> b{T(2.1), T(-1.9), T(2.3), T(-2.2)};
+    for (const int n : {255, 256, 257, 512, 1000}) {  // the factors are computed by blocks
+        const std::vector<T> x = MixedValues<T>(n, n, 3), grad = MixedValues<T>(n, n + 1);
+        T max = 0, min = 0;
+        for (int i = 0; i < n; ++i) {
+            const bool above = x[i] > b[0], below = x[i] < b[1];
+            const T r = (above || below ? b[3] : x[i]) * 255 / (b[2] - b[3]);
+            const T error = static_cast<T>((static_cast<double>(std::round(r)) - static_cast<double>(r)) * double{k});
+            max = std::fma(above ? 1 + error : error, grad[i], max);
+            min = std::fma(below ? 1 - error : -error, grad[i], min);
+        }
+        ExpectSameBits<T>({max, min}, diff(x, grad, b));
+    }
 }
 
 TEST(Ulq, Gradients) {
@@ -158,6 +172,7 @@ TEST(Ulq, TransposeAB) {
     ExpectSameBits({3, 2, 0, 3, 1, 4, 2, 5, 6, 7}, transpose({2, 3}, 6, ""));
     ExpectSameBits({2, 2, 2, 0, 1, 4, 5, 2, 3, 6, 7}, transpose({2, 2, 2}, 8, ""));
     ExpectSameBits({3, 2, 0, 0, 1, 2, 3, 4, 5, 6, 7}, transpose({2, 3, 0}, 0, ""));
+    ExpectSameBits({INT_MAX, INT_MAX, 0, 0, 1, 2, 3, 4, 5, 6, 7}, transpose({INT_MAX, INT_MAX, 0}, 0, ""));
     const std::string product = "length and length calculated by shape are different";
     ExpectSameBits({6, 0, 1, 2, 3, 4, 5, 6, 7}, transpose({6}, 6, "shape dimensions less than 2"));
     ExpectSameBits({-2, -4, 0, 1, 2, 3, 4, 5, 6, 7}, transpose({-2, -4}, 8, product));
