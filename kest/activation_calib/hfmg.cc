@@ -106,7 +106,7 @@ void HfmgDistributeInter(int numBins, T minValue, T binWidth, std::vector<DataBi
                          const InputData<T>& input) {
     if (numBins < 1) return;
     const bool narrow = binWidth < static_cast<T>(FLT_EPSILON);
-    std::vector<unsigned int> counts(narrow ? 0 : kBinCounts * static_cast<std::size_t>(numBins));
+    std::vector<unsigned int> counts(narrow ? 0 : kBinCounts * (static_cast<std::size_t>(numBins) + kZeroBins));
     const std::size_t first = bins.size();
     bins.resize(first + static_cast<std::size_t>(numBins));
     const auto bound = [=](int64_t j) { return std::fma(static_cast<T>(j), binWidth, minValue); };

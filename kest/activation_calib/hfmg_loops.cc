@@ -14,14 +14,16 @@ constexpr std::size_t kStep = 16;
 constexpr float kNever = __builtin_inff();
 
 /// The bins of n values. A quotient below 1 may be inexact: its bin is 0 either way. One of an infinite or a huge
-/// distance may be NaN: its bin is the last.
+/// distance may be NaN: its bin is the last. Zeros take turns in the kZeroBins bins behind that.
 template <typename Quotient, typename T>
 KEST_INLINE void FindBins(const T* x, std::size_t n, T minValue, Quotient quotient, int numBins, uint32_t* bins) {
     const T last = static_cast<T>(numBins - 1);
     for (std::size_t i = 0; i < n; ++i) {
         const T distance = x[i] - minValue;
         const T bin = quotient(distance > 0 ? distance : 0);  // NaN counts as 0
-        bins[i] = static_cast<uint32_t>(static_cast<int32_t>(bin < last ? bin : last));
+        const auto found = static_cast<uint32_t>(static_cast<int32_t>(bin < last ? bin : last));
+        const auto zeroBin = static_cast<uint32_t>(numBins) + static_cast<uint32_t>(i % kZeroBins);
+        bins[i] = x[i] == 0 ? zeroBin : found;
     }
 }
 
@@ -136,6 +138,7 @@ void HfmgLoops<Isa, T>::Count(const T* x, std::size_t n, T minValue, T width, in
         for (std::size_t i = 0; i < n; ++i) ++counts[kBinCounts * PlainBinOf(x[i], minValue, width, numBins)];
         return;
     }
+    // Half of a rectified activation is zeros: in one bin each addition would wait for the one before it.
     // While the bins of one block are counted, those of the next are computed: neither waits for the other.
     uint32_t bins[kBlock];
     if (n >= kBlock) FindBins(x, kBlock, minValue, quotient, numBins, bins);
@@ -153,6 +156,13 @@ void HfmgLoops<Isa, T>::Count(const T* x, std::size_t n, T minValue, T width, in
     }
     FindBins(x, n, minValue, quotient, numBins, bins);
     for (std::size_t i = 0; i < n; ++i) ++counts[kBinCounts * bins[i]];
+
+    unsigned int& zeros = counts[kBinCounts * PlainBinOf(T{0}, minValue, width, numBins)];
+    for (std::size_t k = 0; k < kBinCounts * kZeroBins; ++k) {
+        unsigned int& count = counts[kBinCounts * static_cast<std::size_t>(numBins) + k];
+        zeros += count;
+        count = 0;
+    }
 }
 
 template <typename Isa, typename T>

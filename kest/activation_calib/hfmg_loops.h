@@ -10,6 +10,7 @@
 namespace KestCommon {
 
 constexpr std::size_t kBinCounts = 4;  // counts for each bin, to be added up
+constexpr std::size_t kZeroBins = 16;  // room behind the last bin
 
 /// Candidate clip ranges that are evaluated together, a lane each.
 constexpr int kRangeLanes = 16;
@@ -25,7 +26,7 @@ template <typename Isa, typename T>
 struct HfmgLoops {
     /// Adds 1, for each of n values, to one of the kBinCounts counts of its bin j, from counts[kBinCounts * j] on:
     /// j = floor((x - minValue) / width), 0 for NaN and negative quotients, numBins - 1 beyond. width >= 2^-23, numBins
-    /// 1 to 2^31 - 1.
+    /// 1 to 2^31 - 1. The counts of kZeroBins more bins are 0 before and after.
     static void Count(const T* x, std::size_t n, T minValue, T width, int numBins, unsigned int* counts);
 
     /// Adds the loss of all bins, `width` wide, to each lane; may stop once every lane's loss exceeds `enough`.
