@@ -25,6 +25,7 @@ constexpr Size kLayer{"576Ki", 589824};               // a layer's weights
 constexpr std::size_t kNumLayers[] = {1000, 10000, 100000};
 
 void AddArqRows(Size size);
+void AddHalfRows(Size size);
 void AddHfmgRows(Size size);
 void AddIfmrRows(Size size);
 void AddNuqRows(Size size, std::size_t numChannels);

@@ -94,6 +94,7 @@ int main(int argc, char** argv) {
         bench::AddArqRows(size);
         if (size.n < bench::kLarge.n) bench::AddIfmrRows(size);  // the plain search takes ten seconds there
         bench::AddPercentileRows(size);
+        bench::AddHalfRows(size);
         bench::AddHfmgRows(size);
         if (size.n < bench::kLarge.n) bench::AddShiftRows(size);
         bench::AddUlqRows(size);

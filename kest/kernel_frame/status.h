@@ -21,5 +21,6 @@ constexpr int EMPTY_INPUT_ERROR = 8;       // no elements, or no bins to count t
 constexpr int RECORD_DATA_ERROR = 13;      // null, missing or mistyped data in the value tree, or a failed allocation
 constexpr int RECORD_UNKNOWN_FIELD = 14;   // a field name that the schema does not know
 constexpr int EMPTY_CONTAINER_ERROR = 15;  // no channels, no histogram
+constexpr int VALUE_RANGE_ERROR = 17;      // a balance factor outside its range
 
 #endif  // KEST_KERNEL_FRAME_STATUS_H_
