@@ -1,0 +1,95 @@
+#include <kest/prune_balance/dmq_balance.h>
+
+#include <tests/test_util.h>
+
+namespace {
+
+using Floats = std::vector<float>;
+
+util::FloatData View(Floats& values) {
+    return {static_cast<unsigned int>(values.size()), values.data()};
+}
+
+/// {status, factors}; -77 where nothing is written.
+Floats Balance(Floats act, Floats wts, float strength, unsigned int numChannels) {
+    Floats result(numChannels + 1, -77);
+    result[0] =
+        static_cast<float>(KestCommon::DMQBalance(View(act), View(wts), strength, numChannels, result.data() + 1));
+    return result;
+}
+
+TEST(DMQBalance, WorkedRows) {
+    const float tiny = 0x1.fffffep-24f;  // counts as zero
+    ExpectSameBits({0, 2}, Balance({-4, kNan}, {0.5f, -1}, 0.5f, 1));
+    ExpectSameBits({0, 2, 3, 1}, Balance({1, -4, 9, 0, 1, 1}, {1, 0, 0, 1, 1, 1, -1, 0, 1}, 0.5f, 3));  // blocks
+    ExpectSameBits({0, 32}, Balance({256}, {16}, 0.75f, 1));                                            // 64 / 2
+    ExpectSameBits({0, 1, 1}, Balance({0, tiny}, {5, 7}, 0.5f, 2));
+    ExpectSameBits({0, 1, 1}, Balance({5, 7}, {0, tiny}, 0.5f, 2));
+    ExpectSameBits({0, 2, 1}, Balance({4, 0}, {1, 2}, 0.5f, 2));               // 2 * 1 / 2
+    ExpectSameBits({0, 2, 4.5f}, Balance({4, 9}, {1, 0}, 0.5f, 2));            // 9 / (4 / 2)
+    ExpectSameBits({0, 2, 1}, Balance({4, 0}, {1, tiny}, 0.5f, 2));            // zero on both sides
+    ExpectSameBits({0, 1, 1}, Balance({4, 0}, {0, 4}, 0.5f, 2));               // no channel is healthy
+    ExpectSameBits({0, 2, 4, 0.5f}, Balance({4, 16, 0}, {1, 1, 8}, 0.5f, 3));  // the largest of 2 and 4, by 8
+}
+
+TEST(DMQBalance, ZeroChannelsKeepWhatIsTooSmallToBeHealthy) {
+    Floats actMax{4, 1, 0}, wtsMax{1, 1, 2}, factors{2, 0x1p-24f, 0};
+    KestCommon::ProcessZeroChannel(actMax, wtsMax, factors.data());
+    ExpectSameBits({2, 0x1p-24f, 1}, factors);
+}
+
+TEST(DMQBalance, FirstFailingCheckDecidesAndNothingIsWritten) {
+    struct Row {
+        Floats act;
+        Floats wts;
+        float strength;
+        unsigned int numChannels;
+        std::string log;
+    };
+    const std::string check = "[ERROR][CheckDMQBParam][] ", find = "[ERROR][FindMaxValue][] ";
+    const Row rows[] = {
+        {{}, {}, 0, 0, check + "act pointer is null or length is 0!\n"},
+        {{1}, {}, 0, 0, check + "wts pointer is null or length is 0!\n"},
+        {{1}, {1}, 0.19f, 0, check + "migrationStrength: 0.190000 not support, should be in [0.2, 0.8]!\n"},
+        {{1}, {1}, 0.81f, 0, check + "migrationStrength: 0.810000 not support, should be in [0.2, 0.8]!\n"},
+        {{1}, {1}, 0.8f, 0, check + "channelNum is 0!\n"},
+        {{1, 1}, {1, 1, 1}, 0.2f, 2, check + "act.length: 2 or wts.length: 3 cannot be divisible by channelNum: 2!\n"},
+        {{1, kInf},
+         {-kInf, 1},
+         0.5f,
+         2,
+         find + "channel[0] max value is illegal!\n[ERROR][DMQBalance][] find wts max value fail.\n"},
+        {{1, -kInf},
+         {1, kInf},
+         0.5f,
+         2,
+         find + "channel[1] max value is illegal!\n[ERROR][DMQBalance][] find act max value fail.\n"}};
+    for (const Row& row : rows) {
+        Floats result;
+        EXPECT_EQ(row.log, LogOf([&] { result = Balance(row.act, row.wts, row.strength, row.numChannels); }));
+        EXPECT_EQ(STATUS_BAD_PARAM, result[0]);
+        for (unsigned int c = 0; c < row.numChannels; ++c) EXPECT_EQ(-77, result[c + 1]) << row.log;
+    }
+    float one = 1;
+    EXPECT_EQ(check + "balanceFactor is null!\n", LogOf([&] {
+                  EXPECT_EQ(STATUS_BAD_PARAM, KestCommon::DMQBalance({1, &one}, {1, &one}, 0.5f, 1, nullptr));
+              }));
+}
+
+TEST(DMQBalance, FunctorCopiesThenChecksTheRange) {
+    const float act[] = {4, 0x1p60f, kInf}, wts[] = {1, 0x1p-20f, 1};
+    Floats factors(3, -77), copy(3, -77);
+    DMQBalancerKernel::DMQBalancerParam param{0.5f, 1, 1, 1, copy.data()};
+    const DMQBalancerKernel::DMQBalancer<util::ThreadPoolDevice, float> balance;
+    EXPECT_EQ(STATUS_OK, balance(act, wts, param, factors.data()));
+    ExpectSameBits({2, -77, -77}, copy);
+    param.channelNum = param.actLength = param.wtsLength = 3;
+    LogOf([&] { EXPECT_EQ(STATUS_BAD_PARAM, balance(act, wts, param, factors.data())); });
+    ExpectSameBits({2, -77, -77}, copy);
+    param.channelNum = param.actLength = param.wtsLength = 2;
+    LogOf([&] { EXPECT_EQ(VALUE_RANGE_ERROR, balance(act, wts, param, factors.data())); });
+    ExpectSameBits({2, 0x1p40f, -77}, copy);
+    ExpectSameBits(copy, factors);
+}
+
+}  // namespace
