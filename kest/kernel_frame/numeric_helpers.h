@@ -41,7 +41,7 @@ struct KEST_EXPORT DataCastToFloat16Functor<ThreadPoolDevice, float> {
 KEST_EXPORT std::string OnnxTypeToString(int type);
 
 /// The number of elements of a shape; 0 without dimensions. STATUS_BAD_PARAM with one log line for a dimension below 1,
-/// and for a product beyond 64 bits: `length` is then the product of the dimensions before it.
+/// and for a product above 2^63 - 1: `length` is then the product of the dimensions before it, 1 if there are none.
 KEST_EXPORT int GetLengthByDim(std::vector<int> dims, long& length);
 
 /// VALUE_RANGE_ERROR with one log line for the first of n factors that lies outside [2^-23, 2^23]; NaN passes.

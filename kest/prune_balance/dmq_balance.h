@@ -21,7 +21,7 @@
 
 namespace KestCommon {
 
-/// Writes the K = channelNum factors. NaN among the values is passed over.
+/// Writes the K = channelNum factors. NaN among the values is passed over; a NaN strength makes NaN factors.
 ///
 /// A magnitude below 2^-23 counts as zero. If all activations or all weights do, every factor is 1; channels of zeros
 /// on one side are repaired by ProcessZeroChannel.
@@ -38,8 +38,9 @@ KEST_EXPORT int CheckDMQBParam(const util::FloatData& act, const util::FloatData
                                unsigned int channelNum, const float* balanceFactor);
 
 /// Gives the channels that are zero on one side a factor that takes the other side to the largest scaled range of the
-/// healthy channels, those with a factor of at least 2^-23; 1 to channels zero on both. Without a healthy range every
-/// factor becomes 1. wtsMax is as long as actMax.
+/// healthy channels, those with a factor of at least 2^-23; 1 to channels zero on both. Other channels keep their
+/// factor. A range that overflows makes such a factor infinite or 0. If that range is below 2^-23 on one
+/// side, every factor becomes 1. wtsMax is as long as actMax.
 KEST_EXPORT void ProcessZeroChannel(std::vector<float>& actMax, std::vector<float>& wtsMax, float* balanceFactor);
 
 }  // namespace KestCommon
