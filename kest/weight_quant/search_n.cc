@@ -99,17 +99,19 @@ using KestCommon::kNumShifts;
 void Append(const float* data, std::size_t length, const KestCommon::ChannelRule& rule,
             std::vector<std::vector<float>>& rows) {
     const std::size_t numRows = std::min(rule.numChannels, rows.size());
-    std::vector<float*> ends(numRows);
+    std::vector<std::size_t> oldSizes(numRows);
     for (std::size_t c = 0; c < numRows; ++c) {
-        const std::size_t size = rows[c].size();
-        rows[c].resize(size + rule.CountOf(c, length));
-        ends[c] = rows[c].data() + size;
+        oldSizes[c] = rows[c].size();
+        rows[c].resize(oldSizes[c] + rule.CountOf(c, length));
     }
-    const std::size_t period = rule.numChannels * rule.run;
-    for (std::size_t first = 0; numRows > 0 && first < length; first += period) {
-        for (std::size_t c = 0; c < numRows && first + c * rule.run < length; ++c) {
-            const std::size_t start = first + c * rule.run;
-            ends[c] = std::copy_n(data + start, std::min(rule.run, length - start), ends[c]);
+    const std::size_t longest = numRows > 0 ? rule.CountOf(0, length) : 0;
+    float buffer[KestCommon::ChannelRule::kGathered];
+    for (std::size_t first = 0; first < longest; first += rule.StretchLength()) {
+        for (std::size_t c = 0; c < numRows; ++c) {
+            const std::size_t begin = std::min(oldSizes[c] + first, rows[c].size());
+            const std::size_t count = std::min(rule.StretchLength(), rows[c].size() - begin);
+            if (count == 0) break;  // nor do the rows behind it go on
+            std::copy_n(rule.Stretch(data, c, first, count, buffer), count, rows[c].data() + begin);
         }
     }
 }

@@ -21,6 +21,21 @@ struct ChannelRule {
         const std::size_t rest = length % period;
         return length / period * run + std::min(run, rest - std::min(rest, channel * run));
     }
+
+    /// Rows are read in stretches: a run, or, with the channel innermost, as many values of each row as stay in the
+    /// cache for all rows.
+    static constexpr std::size_t kGathered = 128;
+    std::size_t StretchLength() const { return run > 1 ? run : kGathered; }
+
+    /// The values first to first + count of a channel, at most one stretch: where they lie in the tensor, or gathered
+    /// in `buffer` (kGathered values).
+    const float* Stretch(const float* data, std::size_t channel, std::size_t first, std::size_t count,
+                         float* buffer) const {
+        const float* x = data + (first / run * numChannels + channel) * run;
+        if (run > 1) return x;
+        for (std::size_t i = 0; i < count; ++i) buffer[i] = x[i * numChannels];
+        return buffer;
+    }
 };
 
 ChannelRule MakeChannelRule(const std::vector<int>& shape, bool channelWise, const char* dataFormat);

@@ -75,17 +75,11 @@ int AccumulateBatch(const KestCommon::ChannelRule& rule, std::size_t numRows, bo
     for (std::size_t c = 0; c < numRows; ++c) rowLength = std::min(rowLength, rule.CountOf(c, length));
 
     std::vector<KestCommon::Errors<float>> errors(perTensor ? 1 : numRows, KestCommon::Errors<float>{});
-    // With the channel innermost a stretch of this many values of each row stays in the cache for all rows.
-    constexpr std::size_t kStretch = 128;
-    const std::size_t stretch = rule.run > 1 ? rule.run : kStretch;
+    const std::size_t stretch = rule.StretchLength();
     const auto addStretch = [&](std::size_t c, std::size_t first) {
-        const float* x = batch.data + (first / rule.run * rule.numChannels + c) * rule.run;
+        float buffer[KestCommon::ChannelRule::kGathered];
         const std::size_t count = std::min(stretch, rowLength - first);
-        float gathered[kStretch];
-        if (rule.run == 1) {
-            for (std::size_t i = 0; i < count; ++i) gathered[i] = x[i * rule.numChannels];
-            x = gathered;
-        }
+        const float* x = rule.Stretch(batch.data, c, first, count, buffer);
         KestCommon::AddErrors(x, count, scale[c], errors[perTensor ? 0 : c]);
     };
     if (perTensor) {  // the sum runs over whole rows

@@ -45,7 +45,7 @@ void WorkedRows() {
     expectClusters({2.5, 2.5, 2.5}, 1, {3, 0, 0});     // further centres stay 0
     expectClusters({4}, 0x1p-23, {4});                 // a sum of weights just large enough to divide by
     expectClusters({4}, 0x1.fp-24, {0});
-    expectClusters({-128, 0, 1}, 1, {0});  // the seed is the previous centre: it stays
+    expectClusters({-128, 0, 1}, 1, {0});  // a seed of 0 has not moved: it stays
     // The mean of -128 -128 and, 4 times, -128 0; without weights -96.
     ExpectResult<T>("weights", {1, false, 0}, {-128, -128, -256, 0}, {1, 2}, {0, 0}, {-77, -77, -77, -77});
     // ARQ: 1 and -28, grid -128 127. (100 * 156 + 155 * 99) / (156^2 + 99^2), then the mean of 17.7 and 44.0.

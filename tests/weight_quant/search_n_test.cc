@@ -155,7 +155,7 @@ TEST(SearchN, BothFunctorsSearchOnTheLastBatch) {
     EXPECT_EQ(EMPTY_CONTAINER_ERROR, kSearchNV2(paramV2, counterV2, batchNum, inV2, qV2));
 }
 
-TEST(SearchNV2, FunctorAddsTheErrorsOfItsRows) {
+TEST(SearchN, FunctorsKnowTheRowsOfABatch) {
     struct Layout {
         const char* format;
         std::vector<int> shape;
@@ -168,6 +168,14 @@ TEST(SearchNV2, FunctorAddsTheErrorsOfItsRows) {
             std::vector<float> x = MixedValues<float>(n, n, 1e6f);
             Rows rows(3);
             for (int i = 0; i < n; ++i) rows[i / layout.run % 3].push_back(x[i]);
+            KestTfOp::Param keptParam{layout.shape, true, layout.format};
+            KestTfOp::SearchnInputParam<float> kept{{{7}, {8, 9}, {}}, n, x.data()};
+            KestTfOp::SearchnQuantParam<float> unused{};
+            int keptCounter = 0, keptNum = 2;
+            EXPECT_EQ(STATUS_OK, kSearchN(keptParam, keptCounter, keptNum, kept, unused));
+            kept.channelData[0].erase(kept.channelData[0].begin());  // what the rows held stays in front
+            kept.channelData[1].erase(kept.channelData[1].begin(), kept.channelData[1].begin() + 2);
+            EXPECT_EQ(rows, kept.channelData) << layout.format << ", " << n << " values";
             for (const bool perTensor : {false, true}) {
                 Rows expected(3, std::vector<float>(16));
                 KestCommon::SearchNV2AccumulateError(rows, expected, {3, scale.data()}, perTensor);
