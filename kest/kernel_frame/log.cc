@@ -5,9 +5,9 @@
 
 namespace util {
 
-void LogError(const char* function, int line, const char* format, ...) {
+void Log(const char* level, const char* function, int line, const char* format, ...) {
     flockfile(stdout);
-    std::printf("[ERROR][%s][%d] ", function, line);
+    std::printf("[%s][%s][%d] ", level, function, line);
     va_list arguments;
     va_start(arguments, format);
     std::vprintf(format, arguments);

@@ -1,0 +1,115 @@
+#include <kest/op_kernels/deployed_ops.h>
+
+#include <kest/kernel_frame/axis.h>
+#include <kest/kernel_frame/isa.h>
+#include <kest/kernel_frame/multiply.h>
+#include <kest/kernel_frame/parallel.h>
+#include <kest/kernel_frame/rounding.h>
+#include <kest/op_kernels/deployed_ops_loops.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <initializer_list>
+#include <utility>
+#include <vector>
+
+namespace KestTfOp {
+namespace {
+
+constexpr int kWorthwhile = 1 << 17;  // elements below which a pass stays on one thread, some 20 microseconds
+
+/// Calls work(isa, begin, end) for the elements of each thread.
+template <typename Work>
+void ForEachBlock(int length, Work work) {
+    util::ParallelFor(length, length >= kWorthwhile, [&](util::Block block) {
+        const auto begin = static_cast<std::size_t>(block.begin);
+        const auto end = static_cast<std::size_t>(block.end);
+        util::DispatchIsa([&](auto isa) { work(isa, begin, end); });
+    });
+}
+
+template <typename Param>
+util::Axis ChannelAxis(const Param& param) {
+    if (!param.channelWise) return {1, 1};
+    const auto atLeastOne = [](int n) { return static_cast<std::size_t>(std::max(n, 1)); };
+    return {atLeastOne(param.channelNum), param.channelFirst ? atLeastOne(param.innerSize) : 1};
+}
+
+/// Where a channel has few elements side by side: the factor of each element of a period, if the tensor has a whole
+/// one, so that the loops read them where they are.
+void SpreadShortRuns(util::Axis& axis, int length, std::initializer_list<std::vector<float>*> tables) {
+    const bool isShort = axis.stride > 1 && axis.stride < util::kLongRun;
+    const std::size_t period = axis.count * axis.stride;
+    if (!isShort || length < 1 || period > static_cast<std::size_t>(length)) return;
+    for (std::vector<float>* factors : tables) {
+        std::vector<float> spread;
+        spread.reserve(period);
+        for (const float factor : *factors) spread.insert(spread.end(), axis.stride, factor);
+        *factors = std::move(spread);
+    }
+    axis = {period, 1};
+}
+
+}  // namespace
+
+int OrvaneQuantFunctor<util::ThreadPoolDevice, float>::operator()(QuantInputParam<float> param, float* out) const {
+    const int half = util::SaturateTo<int>(util::PowerOfTwo(int64_t{param.numBits} - 1));
+    const auto lower = static_cast<float>(-half);
+    const auto upper = static_cast<float>(half - 1);
+    ForEachBlock(param.length, [&](auto isa, std::size_t begin, std::size_t end) {
+        DeployedOpsLoops<decltype(isa)>::Quantise(param.input, out, begin, end, param.scale, param.offset, lower,
+                                                  upper);
+    });
+    return STATUS_OK;
+}
+
+template <typename T>
+int OrvaneDequantInternelCpu(DequantInputParam<T> param, T* out) {
+    std::vector<float> inverse(std::max(param.channelNum, 1));
+    std::vector<float> rescale(inverse.size());
+    for (int c = 0; c < param.channelNum; ++c) {
+        const auto bits = static_cast<uint32_t>(param.deqScale[c]);
+        float scale;
+        std::memcpy(&scale, &bits, sizeof scale);
+        const auto power = static_cast<float>(util::PowerOfTwo(param.deqScale[c] >> 32 & 0xFF));
+        inverse[c] = 1.0f / power;
+        rescale[c] = power * scale;
+    }
+    util::Axis channels = ChannelAxis(param);
+    SpreadShortRuns(channels, param.length, {&inverse, &rescale});
+    const auto multiplier = static_cast<float>(param.inputMultiplier);
+    ForEachBlock(param.length, [&](auto isa, std::size_t begin, std::size_t end) {
+        DeployedOpsLoops<decltype(isa)>::Dequantise(param.input, out, begin, end, multiplier, channels, inverse.data(),
+                                                    rescale.data());
+    });
+    return STATUS_OK;
+}
+
+template KEST_EXPORT int OrvaneDequantInternelCpu(DequantInputParam<float>, float*);
+
+int OrvaneDequantFunctor<util::ThreadPoolDevice, float>::operator()(DequantInputParam<float> param, float* out) const {
+    return OrvaneDequantInternelCpu(param, out);
+}
+
+int OrvaneAntiQuantFunctor<util::ThreadPoolDevice, float>::operator()(AntiQuantInputParam<float> param,
+                                                                      float* out) const {
+    ForEachBlock(param.length, [&](auto isa, std::size_t begin, std::size_t end) {
+        util::MultiplyLoops<decltype(isa), float>::AlongAxis(param.input, out, begin, end, {1, 1}, &param.scale);
+    });
+    return STATUS_OK;
+}
+
+int OrvaneWeightQuantFunctor<util::ThreadPoolDevice, float>::operator()(WeightQuantInputParam<float> param,
+                                                                        float* out) const {
+    if (param.length < 1) return STATUS_OK;  // then there need be no offset
+    util::Axis channels = ChannelAxis(param);
+    std::vector<float> offset(param.offset, param.offset + channels.count);
+    SpreadShortRuns(channels, param.length, {&offset});
+    ForEachBlock(param.length, [&](auto isa, std::size_t begin, std::size_t end) {
+        DeployedOpsLoops<decltype(isa)>::AntiQuantiseWeights(param.weight, out, begin, end, channels, offset.data());
+    });
+    return STATUS_OK;
+}
+
+}  // namespace KestTfOp

@@ -1,0 +1,350 @@
+#include <kest/record/direct_writer.h>
+
+#include <kest/kernel_frame/log.h>
+#include <kest/kernel_frame/numeric_helpers.h>
+#include <kest/record/proto_simulator/file_io.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <string_view>
+#include <utility>
+
+namespace util {
+namespace {
+
+constexpr std::size_t kMaxFileSize = INT_MAX;  // bytes
+
+/// The text of a number as a stream in the classic locale writes it.
+std::string NumberText(float value, int precision) {
+    char text[64];
+    return {
+        text,
+        std::to_chars(text, text + sizeof text, static_cast<double>(value), std::chars_format::general, precision).ptr};
+}
+
+std::string ValueText(int value) {
+    return std::to_string(value);
+}
+
+std::string ValueText(float value) {
+    constexpr std::size_t kWidth = 16;
+    const std::string text = NumberText(value, 6);
+    return std::string(kWidth - std::min(kWidth, text.size()), ' ') + text;
+}
+
+template <typename T>
+std::string ScaleOffsetLines(const QuantizeFactor<T>& factor) {
+    const std::string suffix = factor.name == "data" ? "_d: " : "_w: ";
+    std::string lines = "    scale" + suffix + NumberText(factor.scale, 10) + "\n    offset" + suffix +
+                        std::to_string(factor.offset) + "\n";
+    if (factor.dataType != 0) lines += "    op_data_type: '" + OnnxTypeToString(factor.dataType) + "'\n";
+    return lines;
+}
+
+template <typename T>
+std::string ValueLines(const QuantizeFactor<T>& factor) {
+    std::string lines;
+    for (const T& value : factor.values) lines += "    " + factor.name + ": " + ValueText(value) + "\n";
+    return lines;
+}
+
+/// The opening of a value block: new lines, then what stays of the text behind it.
+struct Edit {
+    std::size_t at;  // where the block's text begins in the file
+    std::string lines;
+    bool replacesList;  // the block begins with balance factors and they are what is written: the old ones go
+};
+
+constexpr std::string_view kBalanceFactor = "tensor_balance_factor";
+
+/// False if no record of the layer opens in `content`.
+bool FindBlock(std::string_view content, const char* layerName, Edit& edit) {
+    const std::string_view text = content.substr(0, content.find('\0'));
+    const std::string header = "key: \"" + std::string(layerName) + "\"\n  value {\n";
+    const std::size_t found = text.find(header);
+    if (found == std::string_view::npos) return false;
+    edit.at = found + header.size();
+    const std::string_view block = text.substr(edit.at);
+    edit.replacesList = block.substr(0, 4) == "    " && block.substr(4, kBalanceFactor.size()) == kBalanceFactor;
+    return true;
+}
+
+/// `tail`, which begins within a value block, without the balance factors of that block; lines that hold nothing else
+/// go with them.
+std::string WithoutBalanceFactors(std::string_view tail) {
+    constexpr const char* kBlanks = " \t\n\r";
+    const auto orEnd = [&](std::size_t position) { return std::min(position, tail.size()); };
+    std::string kept;
+    std::size_t copied = 0;
+    for (std::size_t at = orEnd(tail.find_first_not_of(kBlanks)); at < tail.size() && tail[at] != '}';) {
+        const std::size_t nameEnd = orEnd(tail.find_first_of(" \t\n\r:{", at));
+        const std::size_t colon = orEnd(tail.find(':', nameEnd));
+        const std::size_t end = orEnd(tail.find_first_of(kBlanks, tail.find_first_not_of(kBlanks, colon + 1)));
+        if (tail.substr(at, nameEnd - at) == kBalanceFactor) {
+            const std::size_t line = tail.rfind('\n', at) + 1;  // npos + 1 is 0
+            const bool isAlone =
+                orEnd(tail.find_first_not_of(' ', line)) == at && end < tail.size() && tail[end] == '\n';
+            kept.append(tail, copied, (isAlone ? line : at) - copied);
+            copied = isAlone ? end + 1 : end;
+        }
+        at = orEnd(tail.find_first_not_of(kBlanks, end));
+    }
+    return kept.append(tail, copied);
+}
+
+/// The bytes that follow edit.at once the edit is made.
+std::string EditedTail(const Edit& edit, std::string_view tail) {
+    return edit.replacesList ? WithoutBalanceFactors(tail) : std::string(tail);
+}
+
+bool Position(int fd, std::size_t at) {
+    return lseek(fd, static_cast<off_t>(at), SEEK_SET) >= 0;
+}
+
+/// Reads exactly `size` bytes.
+bool ReadAll(int fd, char* bytes, std::size_t size) {
+    while (size > 0) {
+        const ssize_t count = read(fd, bytes, size);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        bytes += count;
+        size -= static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+bool WriteAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = write(fd, bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+enum class Step { kDone, kReadPosition, kRead, kWritePosition, kWrite };
+
+/// Makes the edit in an open file of `size` bytes. After a failed write the old bytes and the old length are put back.
+Step EditInPlace(int fd, std::size_t size, const Edit& edit) {
+    std::string tail(size - edit.at, '\0');
+    if (!Position(fd, edit.at)) return Step::kReadPosition;
+    if (!ReadAll(fd, tail.data(), tail.size())) return Step::kRead;
+    const std::string newTail = EditedTail(edit, tail);
+    struct stat old;
+    const bool hasLength = fstat(fd, &old) == 0 && S_ISREG(old.st_mode);
+
+    const std::size_t moved = edit.at + edit.lines.size();
+    if (!Position(fd, moved)) return Step::kWritePosition;
+    Step failed = Step::kDone;
+    if (!WriteAll(fd, newTail)) {
+        failed = Step::kWrite;
+    } else if (!Position(fd, edit.at)) {
+        failed = Step::kWritePosition;
+    } else if (!WriteAll(fd, edit.lines)) {
+        failed = Step::kWrite;
+    } else if (moved + newTail.size() < size && ftruncate(fd, static_cast<off_t>(moved + newTail.size())) != 0) {
+        failed = Step::kWrite;
+    }
+    if (failed != Step::kDone && hasLength) {
+        if (Position(fd, edit.at)) WriteAll(fd, tail);
+        while (ftruncate(fd, old.st_size) != 0 && errno == EINTR) {
+        }
+    }
+    return failed;
+}
+
+/// One of the two writers: the functions that its log lines name, and what it writes.
+struct Writer {
+    const char* function;
+    const char* kernel;
+    bool writesValues;
+};
+constexpr Writer kScaleOffsetWriter{"RecordScaleOffsetKernel", "RecordScaleOffsetData", false};
+constexpr Writer kValueWriter{"RecordRepeatData", "RecordRepeatDataKernel", true};
+
+int Fail(const char* function, int line, int status, const char* message) {
+    Log("ERROR", function, line, "%s", message);
+    return status;
+}
+
+template <typename T>
+int PlanEdit(const Writer& writer, std::string_view content, const char* layerName, const QuantizeFactor<T>& factor,
+             Edit& edit) {
+    edit.lines = writer.writesValues ? ValueLines(factor) : ScaleOffsetLines(factor);
+    if (content.size() > kMaxFileSize || edit.lines.size() > kMaxFileSize - content.size()) {
+        return Fail(writer.kernel, __LINE__, STATUS_FILE_ERROR,
+                    "record file is too large: it must stay below 2 GiB.\n");
+    }
+    if (!FindBlock(content, layerName, edit)) {
+        Log("ERROR", writer.kernel, __LINE__, "Cannot find \"%s\" in record file.\n", layerName);
+        return STATUS_RUNTIME_ERROR;
+    }
+    edit.replacesList = edit.replacesList && writer.writesValues && factor.name == kBalanceFactor;
+    return STATUS_OK;
+}
+
+/// Plans the edit and has `apply` make it.
+template <typename T, typename Apply>
+int PlanAndApply(const Writer& writer, std::string_view content, const char* layerName, const QuantizeFactor<T>& factor,
+                 Apply apply) try {
+    Edit edit{};
+    const int status = PlanEdit(writer, content, layerName, factor, edit);
+    if (status != STATUS_OK) return status;
+    const char* failure = apply(edit);
+    return failure == nullptr ? STATUS_OK : Fail(writer.kernel, __LINE__, STATUS_RUNTIME_ERROR, failure);
+} catch (const std::bad_alloc&) {
+    return Fail(writer.kernel, __LINE__, STATUS_RUNTIME_ERROR, "Failed to allocate memory.");
+}
+
+template <typename T>
+int EditOpenFile(const Writer& writer, int fd, const unsigned char* content, std::size_t size, const char* layerName,
+                 const QuantizeFactor<T>& factor) {
+    const std::string_view text(reinterpret_cast<const char*>(content), size);
+    return PlanAndApply(writer, text, layerName, factor, [&](const Edit& edit) -> const char* {
+        switch (EditInPlace(fd, size, edit)) {
+            case Step::kReadPosition:
+                if (writer.writesValues) return "Failed to reposition read file offset.";
+                [[fallthrough]];
+            case Step::kRead:
+                return "Failed to read file.";
+            case Step::kWritePosition:
+                if (writer.writesValues) return "Failed to reposition write file offset.";
+                [[fallthrough]];
+            case Step::kWrite:
+                return "Failed to write file.";
+            case Step::kDone:
+                break;
+        }
+        return nullptr;
+    });
+}
+
+/// What both writers do with the file at a path; `wasTried` becomes true once the edit was tried and
+/// the file closed.
+template <typename T>
+int EditFileAt(const Writer& writer, const std::string& recordFile, const std::string& layerName,
+               const QuantizeFactor<T>& factor, bool& wasTried) {
+    constexpr std::size_t kMaxPath = 4096;
+    char path[kMaxPath + 1] = {};
+    if (recordFile.size() > kMaxPath || realpath(recordFile.c_str(), path) == nullptr)
+        return Fail(writer.function, __LINE__, STATUS_FILE_ERROR, "Invalid record file path.\n");
+    int fd;
+    do {
+        fd = open(path, O_RDWR | O_CLOEXEC | O_NOCTTY);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) return Fail(writer.function, __LINE__, STATUS_FILE_ERROR, "Failed to open file.\n");
+
+    const auto closeAndFail = [&](int line, int status, const char* message) {
+        Fail(writer.function, line, status, message);
+        close(fd);
+        return status;
+    };
+    struct stat file;
+    if (fstat(fd, &file) != 0) return closeAndFail(__LINE__, STATUS_FILE_ERROR, "Failed to stat file.\n");
+    const auto size = static_cast<std::size_t>(file.st_size);
+    const bool isTooLarge = size > kMaxFileSize;
+    if (isTooLarge || (size == 0 && !writer.writesValues)) {
+        const char* message =
+            isTooLarge ? "file(%s) is too large: it must stay below 2 GiB.\n" : "file(%s) size is zero.\n";
+        Log("ERROR", writer.function, __LINE__, message, recordFile.c_str());
+        close(fd);
+        return STATUS_FILE_ERROR;
+    }
+    const std::unique_ptr<char[]> content(new (std::nothrow) char[size + 1]);
+    if (content == nullptr) return closeAndFail(__LINE__, STATUS_RUNTIME_ERROR, "Failed to allocate memory.");
+    if (!ReadAll(fd, content.get(), size)) return closeAndFail(__LINE__, STATUS_FILE_ERROR, "Failed to read file.\n");
+
+    const std::string_view text(content.get(), size);
+    const int status = PlanAndApply(writer, text, layerName.c_str(), factor, [&](const Edit& edit) -> const char* {
+        const std::string edited =
+            std::string(text.substr(0, edit.at)) + edit.lines + EditedTail(edit, text.substr(edit.at));
+        return kest_tf::ReplaceFile(path, edited) == STATUS_OK ? nullptr : "Failed to write file.";
+    });
+    if (close(fd) != 0 && errno != EINTR)
+        return Fail(writer.function, __LINE__, STATUS_FILE_ERROR, "Failed to close file.\n");
+    wasTried = true;
+    return status;
+}
+
+/// A string of a caller who may have put the address of a character pointer in its place.
+std::string TextOf(const std::string& text) {
+    const char* characters = text.c_str();
+    return characters == nullptr ? std::string() : std::string(characters);
+}
+
+}  // namespace
+
+template <typename T>
+int RecordScaleOffsetKernel(const std::string& recordFile, const std::string& layerName,
+                            const QuantizeFactor<T>& factor) {
+    bool wasTried = false;
+    const int status = EditFileAt(kScaleOffsetWriter, recordFile, layerName, factor, wasTried);
+    if (wasTried && status != STATUS_OK) {
+        LOG_ERROR("Write scale_d and offset_d to \"%s\" failed.\n", layerName.c_str());
+    } else if (wasTried) {
+        LOG_INFO("Write scale_d and offset_d to \"%s\" success.\n", layerName.c_str());
+    }
+    return status;
+}
+
+template <typename T>
+int RecordRepeatData(std::string recordFile, std::string layerName, const std::vector<T>& values, std::string name) {
+    bool wasTried = false;
+    const QuantizeFactor<T> factor{0, 0, values, std::move(name), 0};
+    const int status = EditFileAt(kValueWriter, recordFile, layerName, factor, wasTried);
+    if (wasTried && status != STATUS_OK) {
+        LOG_ERROR("Write %s to \"%s\" failed.\n", factor.name.c_str(), layerName.c_str());
+    } else if (wasTried) {
+        LOG_INFO("Write %s to \"%s\" success.\n", factor.name.c_str(), layerName.c_str());
+    }
+    return status;
+}
+
+template <typename T>
+int RecordScaleOffsetData(int fd, unsigned char* content, unsigned long size, const char* layerName,
+                          const QuantizeFactor<T>& factor) {
+    return EditOpenFile(kScaleOffsetWriter, fd, content, size, layerName, factor);
+}
+
+template <typename T>
+int RecordRepeatDataKernel(int fd, const unsigned char* content, unsigned long size, const char* layerName,
+                           const QuantizeFactor<T>& factor) {
+    return EditOpenFile(kValueWriter, fd, content, size, layerName, factor);
+}
+
+template struct KEST_EXPORT QuantizeFactor<int>;
+template KEST_EXPORT int RecordScaleOffsetKernel(const std::string&, const std::string&, const QuantizeFactor<int>&);
+template KEST_EXPORT int RecordScaleOffsetData(int, unsigned char*, unsigned long, const char*,
+                                               const QuantizeFactor<int>&);
+#define INSTANTIATE(T)                                                                                       \
+    template KEST_EXPORT int RecordRepeatData(std::string, std::string, const std::vector<T>&, std::string); \
+    template KEST_EXPORT int RecordRepeatDataKernel(int, const unsigned char*, unsigned long, const char*,   \
+                                                    const QuantizeFactor<T>&)
+INSTANTIATE(int);
+INSTANTIATE(float);
+#undef INSTANTIATE
+
+}  // namespace util
+
+int RecordScaleOffset(const std::string& recordFile, const std::string& layerName, const util::FloatData& scale,
+                      const util::IntData& offset, int dataType) {
+    const util::QuantizeFactor<int> factor{scale.data[0], offset.data[0], {}, "data", dataType};
+    return util::RecordScaleOffsetKernel(util::TextOf(recordFile), util::TextOf(layerName), factor);
+}
+
+int RecordScaleOffsetWeight(const std::string& recordFile, const std::string& layerName, const util::FloatData& scale,
+                            const util::IntData& offset) {
+    const util::QuantizeFactor<int> factor{scale.data[0], offset.data[0], {}, "weight", 0};
+    return util::RecordScaleOffsetKernel(util::TextOf(recordFile), util::TextOf(layerName), factor);
+}
