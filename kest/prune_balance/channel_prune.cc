@@ -118,7 +118,8 @@ int ComputeSumNorm(int innerJump, PruneParam param, int length, const T* data, s
     std::vector<T> groupMax(numGroups, -std::numeric_limits<T>::infinity());
     std::vector<T> groupMin(numGroups, std::numeric_limits<T>::infinity());
     const auto elementsPerChannel = static_cast<unsigned int>(numElements / numChannels);
-    for (int k = 0; k < numChannels; ++k) {
+    const int numScored = std::min(numChannels, static_cast<int>(groupOfChannel.size()));
+    for (int k = 0; k < numScored; ++k) {
         const int g = groupOfChannel[k];
         const double divisor = elementsPerChannel * param.groupChannels[g];
         const T norm = static_cast<T>(std::sqrt(static_cast<double>(channelNorms[k])) / divisor);
@@ -126,7 +127,7 @@ int ComputeSumNorm(int innerJump, PruneParam param, int length, const T* data, s
         if (!(norm < groupMax[g])) groupMax[g] = norm;
         if (!(norm > groupMin[g])) groupMin[g] = norm;
     }
-    for (int k = 0; k < numChannels; ++k) {
+    for (int k = 0; k < numScored; ++k) {
         const int g = groupOfChannel[k];
         if (groupMax[g] == groupMin[g]) {
             channelNorms[k] = 0;

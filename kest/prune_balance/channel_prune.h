@@ -32,12 +32,14 @@ struct KEST_EXPORT PruneParam {
 /// precision.
 KEST_EXPORT int CalPruneNum(int numChannels, int numGroups, float pruneRatio, bool alignTo16);
 
-/// Adds one tensor's scores to accNorms. Both vectors have K entries, groupOfChannel the group of each channel.
+/// Adds one tensor's scores to accNorms. Both vectors have K entries, groupOfChannel the group of each channel;
+/// channels that it leaves out are not scored.
 ///
 /// channelNorms, zeros to begin with, receives the squares of the channel's elements one by one, in double precision
 /// and rounded to T each time; then becomes the root of the sum divided by (length / K) * the size of the channel's
 /// group, an unsigned 32-bit integer that wraps around; and last its place between the smallest and the largest of its
-/// group. A group of equal norms adds nothing. Parallel over the channels with OpenMP's default team.
+/// group. A group of equal norms adds nothing; a NaN norm restarts the range of its group at the next channel. Parallel
+/// over the channels with OpenMP's default team.
 ///
 /// 0, or EMPTY_INPUT_ERROR with one log line, nothing changed, for innerJump or K below 1.
 template <typename T>

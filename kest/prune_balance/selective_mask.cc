@@ -77,7 +77,8 @@ struct Choice {
     }
 };
 
-constexpr std::size_t kCached = 2048;  // elements worked on at once
+constexpr std::size_t kCached = 4096;     // elements worked on at once
+constexpr std::size_t kCopied = 1 << 18;  // bytes gathered at once, in the second-level cache: long copies are fast
 
 /// Few positions a group: those of several groups side by side in the lanes.
 template <typename Loops, typename T>
@@ -86,7 +87,7 @@ void ChooseNarrow(const Choice<T>& choice, std::size_t first, std::size_t last) 
     const std::size_t inner = choice.inner;
     T values[kCached];  // [slot of a group][position]
     T kept[kCached];
-    T keep[kCached];  // as the workspace
+    T keep[kCached];  // as the workspace; stored by long copies, since short stores wait for memory one by one
     T* rows[kMaxRanked];
     const std::size_t step = std::max<std::size_t>(1, kCached / groupSize / inner);
     for (; first < last; first += step) {
@@ -123,11 +124,12 @@ template <typename Loops, typename T>
 void ChooseWide(const Choice<T>& choice, std::size_t first, std::size_t last) {
     const std::size_t groupSize = choice.groupSize;
     T* rows[kMaxRanked];
-    const std::size_t step = std::max(kCached / groupSize / Loops::kLanes, std::size_t{1}) * Loops::kLanes;
+    const std::size_t step = std::max(kCopied / sizeof(T) / groupSize / Loops::kLanes, std::size_t{1}) * Loops::kLanes;
     const auto chooseGroup = [&](std::size_t outer, std::size_t slot, std::size_t place) {
         const std::size_t numReal = choice.NumReal(slot, groupSize);
         for (std::size_t t = 0; t < choice.inner; t += step) {
-            t = std::min(t, choice.inner - Loops::kLanes);  // the tail, some of it for the second time
+            // The tail, some of it for the second time.
+            if (choice.inner - t < Loops::kMinLanes) t = choice.inner - Loops::kMinLanes;
             const std::size_t width = std::min(step, choice.inner - t);
             for (std::size_t k = 0; k < groupSize; ++k) {
                 T* out = choice.gathered + place + k * choice.inner + t;
@@ -174,8 +176,13 @@ void MakeMask(const T* data, const T* channelSelect, T* gathered, SelectivePrune
     std::vector<unsigned int>& shape = param.shape;
     const auto rank = static_cast<unsigned int>(shape.size());
     const unsigned int numChannels = shape[param.axis];
-    Choice<T> choice{data, gathered,        mask,          {}, ComputeProduct(shape, param.axis + 1, rank),
-                     0,    param.groupSize, param.keepNum, 0};
+    Choice<T> choice{};
+    choice.data = data;
+    choice.gathered = gathered;
+    choice.mask = mask;
+    choice.groupSize = param.groupSize;
+    choice.keepNum = param.keepNum;
+    choice.inner = ComputeProduct(shape, param.axis + 1, rank);
     choice.outerStride = choice.inner * numChannels;
     for (unsigned int c = 0; c < numChannels; ++c)
         if (std::fabs(channelSelect[c]) >= 1) choice.selected.push_back(c);
@@ -195,7 +202,7 @@ void MakeMask(const T* data, const T* channelSelect, T* gathered, SelectivePrune
             using Loops = SelectiveMaskLoops<decltype(isa), T>;
             if (choice.groupSize > kMaxRanked) {
                 ChooseSorted(choice, first, last);
-            } else if (choice.inner >= Loops::kLanes) {
+            } else if (choice.inner >= Loops::kMinLanes) {
                 ChooseWide<Loops>(choice, first, last);
             } else {
                 ChooseNarrow<Loops>(choice, first, last);

@@ -22,14 +22,14 @@ struct Magnitude<double> {
     static constexpr Int kNan = 0x7FF0000000000001;
 };
 
-}  // namespace
-
-template <typename Isa, typename T>
-void SelectiveMaskLoops<Isa, T>::Choose(const T* values, std::size_t stride, std::size_t width, std::size_t groupSize,
-                                        std::size_t keepNum, std::size_t numOut, T* const* keep) {
+/// SelectiveMaskLoops::Choose with vectors of kBytes, which hold at most `width` values.
+template <std::size_t kBytes, typename T>
+KEST_INLINE void ChooseInLanes(const T* values, std::size_t stride, std::size_t width, std::size_t groupSize,
+                               std::size_t keepNum, std::size_t numOut, T* const* keep) {
     using Int = typename Magnitude<T>::Int;
-    typedef T Values __attribute__((vector_size(64)));
-    typedef Int Ints __attribute__((vector_size(64)));
+    typedef T Values __attribute__((vector_size(kBytes)));
+    typedef Int Ints __attribute__((vector_size(kBytes)));
+    constexpr std::size_t kLanes = kBytes / sizeof(T);
     const Int limit = static_cast<Int>(keepNum < groupSize ? keepNum : groupSize);
     Ints magnitude[kMaxRanked];
     for (std::size_t t = 0; t < width; t += kLanes) {
@@ -48,6 +48,20 @@ void SelectiveMaskLoops<Isa, T>::Choose(const T* values, std::size_t stride, std
             const Values kept = rank < limit ? Values{} + 1 : Values{};
             __builtin_memcpy(keep[k] + t, &kept, sizeof kept);
         }
+    }
+}
+
+}  // namespace
+
+template <typename Isa, typename T>
+void SelectiveMaskLoops<Isa, T>::Choose(const T* values, std::size_t stride, std::size_t width, std::size_t groupSize,
+                                        std::size_t keepNum, std::size_t numOut, T* const* keep) {
+    if (width * sizeof(T) >= 64) {
+        ChooseInLanes<64>(values, stride, width, groupSize, keepNum, numOut, keep);
+    } else if (width * sizeof(T) >= 32) {
+        ChooseInLanes<32>(values, stride, width, groupSize, keepNum, numOut, keep);
+    } else {
+        ChooseInLanes<16>(values, stride, width, groupSize, keepNum, numOut, keep);
     }
 }
 

@@ -7,15 +7,17 @@
 
 namespace SelectiveMaskGenKernel {
 
-constexpr std::size_t kMaxRanked = 128;  // M up to which ranks are counted, M steps an element
+constexpr std::size_t kMaxRanked = 64;   // M up to which ranks are counted, M steps an element
 
 /// The choice of selective_mask.h, one instance for each instruction set (isa.h).
 template <typename Isa, typename T>
 struct SelectiveMaskLoops {
-    static constexpr std::size_t kLanes = 64 / sizeof(T);
+    static constexpr std::size_t kLanes = 64 / sizeof(T);  // positions at once
+    static constexpr std::size_t kMinLanes = 16 / sizeof(T);
 
     /// Among the groupSize values values[k * stride + t] at each position t < width, the keepNum greatest magnitudes
-    /// are kept: keep[k][t] = 1 or 0 for k below numOut. `width` is at least kLanes, groupSize at most kMaxRanked.
+    /// are kept: keep[k][t] = 1 or 0 for k below numOut. `width` is at least kMinLanes, groupSize at most
+    /// kMaxRanked.
     static void Choose(const T* values, std::size_t stride, std::size_t width, std::size_t groupSize,
                        std::size_t keepNum, std::size_t numOut, T* const* keep);
 

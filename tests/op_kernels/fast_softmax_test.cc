@@ -1,0 +1,115 @@
+#include <kest/op_kernels/fast_softmax.h>
+
+#include <omp.h>
+#include <tests/test_util.h>
+
+#include <algorithm>
+
+namespace {
+
+using KestTfOp::SoftmaxParam;
+
+SoftmaxParam Param(std::size_t length, int rowLength, float threshold = -3, float b = 0.25f, float a = 0.5f) {
+    return {a, b, threshold, 1, static_cast<int>(length), {-1, rowLength}};
+}
+
+/// -77 where nothing is written.
+template <typename T>
+std::vector<T> Softmax(const std::vector<T>& in, SoftmaxParam param) {
+    std::vector<T> out(in.size(), -77);
+    EXPECT_EQ(0, (KestTfOp::FastSoftmaxFunctor<util::ThreadPoolDevice, T>{}(in.data(), out.data(), param)));
+    return out;
+}
+
+template <typename T>
+void SoftmaxRows() {
+    const T inf = kInf, third = T{1} / 3;
+    ExpectSameBits<T>({-4, 1, 4}, Softmax<T>({1, 2, 3}, Param(3, 3)));  // 1 - 2 + 2 - 2 = -1, 1 - 1 + 1/2 - 1/4 = 1/4
+    ExpectSameBits<T>({0, T(0.2), T(0.8), third / 2, 2 * third, third / 2},  // at the cut-off; 1/4, 1, 1/4 by 3/2
+                      Softmax<T>({1, 2, 3, 7, 8, 7}, Param(6, 3, -2)));
+    ExpectSameBits<T>({third, third, third, 0.5, 0, 0.5}, Softmax<T>({5, 5, 5, 9, -inf, 9}, Param(6, 3)));
+    std::vector<T> out = Softmax<T>({1, kNan, 1, 1, inf, 2, -inf, -inf, -inf, 7, 7, 7}, Param(12, 3));
+    for (int i = 0; i < 9; ++i) EXPECT_TRUE(std::isnan(out[i])) << i;  // inf - inf; 0 / 0
+    EXPECT_EQ(third, out[11]);
+    ExpectSameBits<T>({T(0.2), T(0.8), -77}, Softmax<T>({1, 2, 3}, Param(3, 2)));
+    for (const int rowLength : {0, -3}) ExpectSameBits<T>({-77, -77, -77}, Softmax<T>({1, 2, 3}, Param(3, rowLength)));
+    ExpectSameBits<T>({-77, -77}, Softmax<T>({1, 2}, {0.5f, 0.25f, -3, 2, 2, {2, 2}}));
+}
+
+TEST(FastSoftmax, WorkedRows) {
+    SoftmaxRows<float>();
+    SoftmaxRows<double>();
+    // Maxima start from the lowest float: every difference is cut off, and the row sums to 0.
+    for (const double value : Softmax<double>({-1e300, -1e300}, Param(2, 2))) EXPECT_TRUE(std::isnan(value));
+}
+
+TEST(FastSoftmax, CubeIsTheNearest) {
+    const auto polynomial = [](double max, float b) {
+        SoftmaxParam param = Param(1, 1, -kInf, b);
+        std::vector<double> rowMax{max}, out{0};
+        KestTfOp::ApproximateExp<double>(out.data(), rowMax, out.data(), param);
+        return out[0];
+    };
+    // (1 + 2^-27)^3 = 1 + 3 * 2^-27 + 3/4 ulp + ..., of which the rounded square loses 1/4.
+    EXPECT_EQ(-0x1p100 * (1 + 0x3p-27 + 0x1p-52), polynomial(1 + 0x1p-27, 0x1p100f));
+    EXPECT_EQ(-kInf, polynomial(1e120, 0.25f));  // what the rounding of an infinite cube leaves is no number
+    EXPECT_EQ(kInf, polynomial(1e200, -0.25f));  // and here already that of the square
+}
+
+TEST(FastSoftmax, Steps) {
+    SoftmaxParam param = Param(8, 2);
+    std::vector<float> x{-0.0f, 0, 2, kNan, 7, 9, 5, 6}, rowMax{-FLT_MAX, -FLT_MAX, 10};
+    KestTfOp::FindMaxAlongAxis<float>(x.data(), rowMax, param);
+    ExpectSameBits({-0.0f, 2, 10}, rowMax);  // 0 is not greater than -0; no entry for the fourth row
+    x[3] = 1;
+    KestTfOp::ApproximateExp<float>(x.data(), rowMax, x.data(), param);
+    ExpectSameBits({1, 1, 1, 0.25f, 0, 0.25f, 5, 6}, x);
+    rowMax = {2, 0, 0.25f};
+    KestTfOp::ApproximateSoftmax<float>(x.data(), rowMax, param);
+    ExpectSameBits({4, 1.25f, 0.5f}, rowMax);
+    ExpectSameBits({0.25f, 0.25f, 0.8f, 0.2f, 0, 0.5f, 5, 6}, x);
+}
+
+template <typename T>
+T Plain(T x, double a, double b) {
+    const double d = x, h = d * d, l = std::fma(d, d, -h), p = h * d;
+    return static_cast<T>(std::fma(b, p + (std::fma(h, d, -p) + l * d), std::fma(a, h, double{x + 1})));
+}
+
+template <typename T>
+void Sweep(int rowLength, int numRows) {
+    std::vector<T> x = MixedValues<T>(static_cast<std::size_t>(rowLength * numRows), rowLength + numRows, 2), expected;
+    SoftmaxParam param = Param(x.size(), rowLength, -2.75f, 0.15f, 0.45f);
+    for (auto row = x.begin(); row != x.end(); row += rowLength) {
+        const T max = *std::max_element(row, row + rowLength);
+        T sum = 0;
+        for (int i = 0; i < rowLength; ++i) {
+            expected.push_back(row[i] - max <= T{-2.75f} ? 0 : Plain(row[i] - max, double{0.45f}, double{0.15f}));
+            sum += expected.back();
+        }
+        for (auto p = expected.end() - rowLength; p != expected.end(); ++p) *p /= sum;
+    }
+    for (const int threads : {1, 2, 3}) {
+        SCOPED_TRACE(testing::Message() << numRows << " rows of " << rowLength << ", threads " << threads);
+        omp_set_num_threads(threads);
+        ExpectSameBits(expected, Softmax(x, param));
+    }
+    KestTfOp::FastSoftmaxFunctor<util::ThreadPoolDevice, T>{}(x.data(), x.data(), param);
+    ExpectSameBits(expected, x);
+}
+
+template <typename T>
+void Sweeps() {
+    for (int rowLength = 1; rowLength <= 40; ++rowLength)
+        for (const int numRows : {0, 1, 3, 7, 8, 9, 16, 17, 20, 33}) Sweep<T>(rowLength, numRows);
+    for (const int numRows : {1, 8, 19, 90, 400}) Sweep<T>(384, numRows);
+    Sweep<T>(1, 200003);
+    Sweep<T>(150001, 2);
+}
+
+TEST(FastSoftmax, AnyShapeAndNumberOfThreads) {
+    Sweeps<float>();
+    Sweeps<double>();
+}
+
+}  // namespace
