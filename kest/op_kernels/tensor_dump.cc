@@ -16,6 +16,12 @@ struct Closer {
 };
 using File = std::unique_ptr<std::FILE, Closer>;
 
+/// Nothing for n = 0, where the elements may be null.
+template <typename T>
+void Write(const T* elements, std::size_t n, const File& file) {
+    if (n > 0) std::fwrite(elements, sizeof(T), n, file.get());
+}
+
 /// DumpData of any number of elements.
 template <typename T>
 void Dump(const T* data, std::size_t length, const DumpParam& param) {
@@ -24,15 +30,14 @@ void Dump(const T* data, std::size_t length, const DumpParam& param) {
         util::Log("ERROR", "DumpData", __LINE__, "KestCommon::dump_data write outShape fail to open file.\n");
         return;
     }
-    std::fwrite(param.shape.data(), sizeof(float), std::min<std::size_t>(param.shapeLength, param.shape.size()),
-                file.get());
+    Write(param.shape.data(), std::min<std::size_t>(param.shapeLength, param.shape.size()), file);
     file.reset();
     file.reset(std::fopen(param.fileName.c_str(), "abe"));
     if (file == nullptr) {
         util::Log("ERROR", "DumpData", __LINE__, "KestCommon::dump_data write outData fail to open file.\n");
         return;
     }
-    std::fwrite(data, sizeof(T), length, file.get());
+    Write(data, length, file);
 }
 
 constexpr float TypeCode(float) {

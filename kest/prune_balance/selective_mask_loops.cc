@@ -14,11 +14,13 @@ struct Magnitude;
 template <>
 struct Magnitude<float> {
     using Int = int32_t;
+    static constexpr Int kAllButSign = std::numeric_limits<Int>::max();
     static constexpr Int kNan = 0x7F800001;
 };
 template <>
 struct Magnitude<double> {
     using Int = int64_t;
+    static constexpr Int kAllButSign = std::numeric_limits<Int>::max();
     static constexpr Int kNan = 0x7FF0000000000001;
 };
 
@@ -37,7 +39,7 @@ KEST_INLINE void ChooseInLanes(const T* values, std::size_t stride, std::size_t 
         for (std::size_t k = 0; k < groupSize; ++k) {
             Ints bits;
             __builtin_memcpy(&bits, values + k * stride + t, sizeof bits);
-            bits &= std::numeric_limits<Int>::max();
+            bits &= Magnitude<T>::kAllButSign;
             magnitude[k] = bits > Magnitude<T>::kNan ? Ints{} + Magnitude<T>::kNan : bits;
         }
         for (std::size_t k = 0; k < numOut; ++k) {

@@ -141,6 +141,7 @@ Step EditInPlace(int fd, std::size_t size, const Edit& edit) {
     if (!Position(fd, edit.at)) return Step::kReadPosition;
     if (!ReadAll(fd, tail.data(), tail.size())) return Step::kRead;
     const std::string newTail = EditedTail(edit, tail);
+    if ((fcntl(fd, F_GETFL) & O_APPEND) != 0) return Step::kWrite;  // each write would go to the end
     struct stat old;
     const bool hasLength = fstat(fd, &old) == 0 && S_ISREG(old.st_mode);
 
@@ -266,13 +267,21 @@ int EditFileAt(const Writer& writer, const std::string& recordFile, const std::s
     if (!ReadAll(fd, content.get(), size)) return closeAndFail(__LINE__, STATUS_FILE_ERROR, "Failed to read file.\n");
 
     const std::string_view text(content.get(), size);
+    bool isOpen = true;
+    bool closeFailed = false;
+    const auto closeFile = [&] {
+        isOpen = false;
+        closeFailed = close(fd) != 0 && errno != EINTR;
+    };
     const int status = PlanAndApply(writer, text, layerName.c_str(), factor, [&](const Edit& edit) -> const char* {
+        closeFile();  // before the new file takes the old one's place: no failure comes after that
+        if (closeFailed) return nullptr;
         const std::string edited =
             std::string(text.substr(0, edit.at)) + edit.lines + EditedTail(edit, text.substr(edit.at));
         return kest_tf::ReplaceFile(path, edited) == STATUS_OK ? nullptr : "Failed to write file.";
     });
-    if (close(fd) != 0 && errno != EINTR)
-        return Fail(writer.function, __LINE__, STATUS_FILE_ERROR, "Failed to close file.\n");
+    if (isOpen) closeFile();
+    if (closeFailed) return Fail(writer.function, __LINE__, STATUS_FILE_ERROR, "Failed to close file.\n");
     wasTried = true;
     return status;
 }

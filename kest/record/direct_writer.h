@@ -59,8 +59,8 @@ KEST_EXPORT int RecordRepeatData(std::string recordFile, std::string layerName, 
 
 // The edits of the two, in place in an open file: `content` are the `size` bytes it holds, followed by a NUL. What
 // follows the insertion is read from the file, and moved before the gap is filled. When a write fails, the old bytes
-// and the old length are put back. STATUS_RUNTIME_ERROR as above and where the file cannot be positioned or read;
-// STATUS_FILE_ERROR for 2 GiB and more.
+// and the old length are put back. A file that is only appended to counts as one that cannot be written.
+// STATUS_RUNTIME_ERROR as above and where the file cannot be positioned or read; STATUS_FILE_ERROR for 2 GiB and more.
 
 template <typename T>
 KEST_EXPORT int RecordScaleOffsetData(int fd, unsigned char* content, unsigned long size, const char* layerName,

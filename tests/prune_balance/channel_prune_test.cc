@@ -117,6 +117,9 @@ TEST(ChannelPrune, Masks) {
     PruneParam param = Param({1, 2});
     std::vector<float*> inputs{&made[0], &made[1], &made[3]}, outputs{&mask[0], &mask[1], &mask[3]}, none;
     EXPECT_EQ(0, identity(param, inputs, outputs));
+    PruneParam noGroups{};
+    noGroups.numChannels = 3;
+    EXPECT_EQ(0, Remain{}({made.data()}, {6}, {1}, noGroups, outputs));  // no score has a group to go to
     ExpectSameBits({1, 2, 3, 4, 5, 6, -77}, mask);
     EXPECT_EQ(empty, LogOf([&] { EXPECT_EQ(EMPTY_CONTAINER_ERROR, identity(param, none, outputs)); }));
 }
