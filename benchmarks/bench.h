@@ -6,8 +6,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
+#include <new>
 #include <string>
+#include <vector>
 
 // A row is named what/size/threads/who. `who` is kest, limit, or the rival that does the same: scripts/bench divides
 // rows that differ in `who` alone. Rows that belong together are registered, and so run, one after the other.
@@ -25,15 +28,35 @@ constexpr Size kLayer{"576Ki", 589824};               // a layer's weights
 constexpr std::size_t kNumLayers[] = {1000, 10000, 100000};
 
 void AddArqRows(Size size);
+void AddDeployedRows(Size size);
+void AddDmqRows(Size size);
 void AddHalfRows(Size size);
 void AddHfmgRows(Size size);
 void AddIfmrRows(Size size);
+void AddMaskRows(Size size);
 void AddNuqRows(Size size, std::size_t numChannels);
 void AddPercentileRows(Size size);
 void AddShiftRows(Size size);
+void AddSoftmaxRows(Size size);
 void AddUlqRows(Size size);
 void AddRecordRows(std::size_t numLayers);
 void AddProtobufRows(std::size_t numLayers);
+
+/// A vector whose data is 64-byte aligned.
+template <typename T>
+struct AlignedAllocator {
+    using value_type = T;
+    static constexpr std::align_val_t kAlignment{64};
+    AlignedAllocator() = default;
+    template <typename U>
+    AlignedAllocator(const AlignedAllocator<U>&) {}
+    T* allocate(std::size_t n) { return static_cast<T*>(operator new(n * sizeof(T), kAlignment)); }
+    void deallocate(T* data, std::size_t) { operator delete(data, kAlignment); }
+    bool operator==(const AlignedAllocator&) const { return true; }
+    bool operator!=(const AlignedAllocator&) const { return false; }
+};
+template <typename T>
+using AlignedVector = std::vector<T, AlignedAllocator<T>>;
 
 /// Arrays of n floats, 64-byte aligned and touched, alive until the next call for a larger one. The values have a
 /// standard deviation of 1.
@@ -72,6 +95,30 @@ void AddRow(const std::string& what, const std::string& size, const char* who, d
         if (numBytes > 0) state.SetBytesProcessed(static_cast<int64_t>(numBytes * iterations));
     };
     benchmark::RegisterBenchmark(name.c_str(), run)->UseRealTime();
+}
+
+/// Adds the rows of a plain loop and of kest, at the largest size with both threads too where `onBoth`. They are called
+/// as run(out, n), write at most n floats, the same bits, and move `itemBytes` an element.
+template <typename Plain, typename Kest>
+void AddAgainstPlain(const std::string& what, Size size, double itemBytes, bool onBoth, Plain plain, Kest kest) {
+    const int n = static_cast<int>(size.n);
+    const auto add = [=](const char* who, auto run, int numThreads) {
+        const auto setUp = [=](auto&) {
+            float* out = WorkingCopy(size.n);
+            kest(out, n);  // the arrays of its inputs are made now, untimed
+            if (size.n < kLarge.n) {
+                const std::vector<float> expected(out, out + n);
+                out = WorkingCopy(size.n);
+                run(out, n);
+                RequireSame(std::memcmp(out, expected.data(), size.n * sizeof(float)) == 0, what.c_str());
+            }
+            return [=](auto&) { run(out, n); };
+        };
+        AddRow(what, size.name, who, double(n), itemBytes * n, setUp, numThreads);
+    };
+    add("plain", plain, 1);
+    add("kest", kest, 1);
+    if (onBoth && size.n == kLarge.n) add("kest", kest, 2);
 }
 
 }  // namespace bench

@@ -14,6 +14,17 @@ void KestToHalf(const float* in, unsigned short* out, std::size_t n) {
     util::DataCastToFloat16Functor<util::ThreadPoolDevice, float>()(in, out, static_cast<int>(n));
 }
 
+/// The conversions run on their caller's thread: two callers share the array.
+template <typename Convert, typename In, typename Out>
+void InHalves(Convert convert, const In* in, Out* out, std::size_t n) {
+#pragma omp parallel for
+    for (int thread = 0; thread < 2; ++thread) convert(in + thread * (n / 2), out + thread * (n / 2), n / 2);
+}
+
+void KestToHalfOnTwo(const float* in, unsigned short* out, std::size_t n) {
+    InHalves(KestToHalf, in, out, n);
+}
+
 void PlainToHalf(const float* in, unsigned short* out, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i) {
         unsigned int bits;
@@ -26,6 +37,10 @@ void PlainToHalf(const float* in, unsigned short* out, std::size_t n) {
 
 void KestToFloat(const unsigned short* in, float* out, std::size_t n) {
     util::DataCastToFloat32Functor<util::ThreadPoolDevice, unsigned short>()(in, out, static_cast<int>(n));
+}
+
+void KestToFloatOnTwo(const unsigned short* in, float* out, std::size_t n) {
+    InHalves(KestToFloat, in, out, n);
 }
 
 void PlainToFloat(const unsigned short* in, float* out, std::size_t n) {
@@ -58,19 +73,21 @@ Halves HalvesOf(const float* x, std::size_t n) {
 void AddHalfRows(Size size) {
     const std::size_t n = size.n;
     const double bytes = 6.0 * static_cast<double>(n);
-    const auto addToHalf = [=](const char* who, auto convert) {
-        AddRow("float to half", size.name, who, static_cast<double>(n), bytes, [=](auto&) {
+    const auto addToHalf = [=](const char* who, auto convert, int numThreads = 1) {
+        const auto setUp = [=](auto&) {
             Halves out(n);
             convert(NormalData(n), out.data(), n);
             RequireSame(out == HalvesOf(NormalData(n), n), "float to half");
             return [=, out = out](auto&) mutable { convert(NormalData(n), out.data(), n); };
-        });
+        };
+        AddRow("float to half", size.name, who, static_cast<double>(n), bytes, setUp, numThreads);
     };
     addToHalf("plain", PlainToHalf);
     addToHalf("kest", KestToHalf);
+    if (n == kLarge.n) addToHalf("kest", KestToHalfOnTwo, 2);
 
-    const auto addToFloat = [=](const char* who, auto convert) {
-        AddRow("half to float", size.name, who, static_cast<double>(n), bytes, [=](auto&) {
+    const auto addToFloat = [=](const char* who, auto convert, int numThreads = 1) {
+        const auto setUp = [=](auto&) {
             const Halves in = HalvesOf(NormalData(n), n);
             std::vector<float> out(n);
             std::vector<float> expected(n);
@@ -78,10 +95,12 @@ void AddHalfRows(Size size) {
             KestToFloat(in.data(), expected.data(), n);
             RequireSame(out == expected, "half to float");
             return [=](auto&) mutable { convert(in.data(), out.data(), n); };
-        });
+        };
+        AddRow("half to float", size.name, who, static_cast<double>(n), bytes, setUp, numThreads);
     };
     addToFloat("plain", PlainToFloat);
     addToFloat("kest", KestToFloat);
+    if (n == kLarge.n) addToFloat("kest", KestToFloatOnTwo, 2);
 }
 
 }  // namespace bench

@@ -53,6 +53,13 @@ void AddLimitRows(Size size) {
         };
     };
     AddRow("copy", size.name, "limit", static_cast<double>(n), 2 * bytes, copyHalves, 2);
+    const auto readHalves = [=](auto&) {
+        return [x = NormalData(n), half = n / 2](auto&) {
+#pragma omp parallel for
+            for (int thread = 0; thread < 2; ++thread) benchmark::DoNotOptimize(LimitRead(x + thread * half, half));
+        };
+    };
+    AddRow("read", size.name, "limit", static_cast<double>(n), bytes, readHalves, 2);
 }
 
 }  // namespace
@@ -98,6 +105,10 @@ int main(int argc, char** argv) {
         bench::AddHfmgRows(size);
         if (size.n < bench::kLarge.n) bench::AddShiftRows(size);
         bench::AddUlqRows(size);
+        bench::AddDeployedRows(size);
+        bench::AddSoftmaxRows(size);
+        bench::AddMaskRows(size);
+        bench::AddDmqRows(size);
     }
     bench::AddNuqRows(bench::kSmall, 16);
     bench::AddNuqRows(bench::kLayer, 512);
