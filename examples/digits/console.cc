@@ -14,13 +14,14 @@ namespace digits {
 namespace {
 
 constexpr int kMaxEpochs = 100;
+constexpr int kMaxGroup = 64;  // of weights for --sparse
 
 void PrintUsage(std::FILE* stream) {
     std::fprintf(
         stream,
         "usage: digits [--bits 2..8] [--batches 1..%d] [--calibration ifmr|hfmg] [--weights arq|nuq]\n"
-        "              [--clusters 1..256] [--retrain-bits 2..8] [--epochs 1..%d] [--record FILE] [--data DIR]\n"
-        "              [--help]\n",
+        "              [--clusters 1..256] [--retrain-bits 2..8] [--epochs 1..%d] [--prune RATIO] [--sparse N:M]\n"
+        "              [--balance] [--dump DIR] [--record FILE] [--data DIR] [--help]\n",
         kMaxBatches, kMaxEpochs);
 }
 
@@ -29,8 +30,8 @@ void PrintHelp() {
     PrintUsage(stdout);
     std::printf(
         "\nQuantises a small convolutional network that reads handwritten digits, stores the factors in a\n"
-        "record file, reads them back and compares the quantised network with the float one. Then retrains\n"
-        "it for fewer bits.\n\n"
+        "record file, reads them back and compares the quantised network, and the integers that a device\n"
+        "computes, with the float one. Then retrains it for fewer bits.\n\n"
         "  --bits N                 width of activations and of uniform weights, 2 to 8 (default %d)\n"
         "  --batches N              calibration batches of %d images, 1 to %d (default %d)\n"
         "  --calibration ifmr|hfmg  activations: from all values, or from histograms (default ifmr)\n"
@@ -38,11 +39,15 @@ void PrintHelp() {
         "  --clusters N             clusters of a layer's weights, 1 to 256 (default %d)\n"
         "  --retrain-bits N         width of weights and activations in retraining, 2 to 8 (default %d)\n"
         "  --epochs N               passes over the training images, 1 to %d (default %d)\n"
+        "  --prune RATIO            take the weakest channels out of each layer first: 0.25 for a quarter\n"
+        "  --sparse N:M             keep N of every M weights along the input channels, M up to %d: 2:4\n"
+        "  --balance                share difficult ranges between activations and weights before calibration\n"
+        "  --dump DIR               write the tensors of a batch, as the deployed network sees them, to a directory\n"
         "  --record FILE            where the factors go; an old file is replaced (default %s)\n"
         "  --data DIR               where network.bin and images.bin are (default: those of the source tree)\n"
         "  --help                   this text\n",
         defaults.bits, kBatchSize, kMaxBatches, defaults.batches, defaults.clusters, defaults.retrainBits, kMaxEpochs,
-        defaults.epochs, defaults.record.c_str());
+        defaults.epochs, kMaxGroup, defaults.record.c_str());
 }
 
 [[noreturn]] void RejectOptions() {
@@ -50,15 +55,41 @@ void PrintHelp() {
     std::exit(2);
 }
 
+/// Whether all of [text, end) is the number.
+template <typename T>
+bool IsNumber(const char* text, const char* end, T& number) {
+    const auto [parsed, error] = std::from_chars(text, end, number);
+    return error == std::errc() && parsed == end;
+}
+
 int ParseNumber(const char* option, const char* text, int low, int high) {
     int number = 0;
-    const char* end = text + std::strlen(text);
-    const auto [parsed, error] = std::from_chars(text, end, number);
-    if (error != std::errc() || parsed != end || number < low || number > high) {
+    if (!IsNumber(text, text + std::strlen(text), number) || number < low || number > high) {
         std::fprintf(stderr, "digits: %s takes a whole number from %d to %d, not '%s'\n", option, low, high, text);
         RejectOptions();
     }
     return number;
+}
+
+float ParseRatio(const char* option, const char* text) {
+    float ratio = 0;
+    if (!IsNumber(text, text + std::strlen(text), ratio) || !(ratio > 0 && ratio < 1)) {
+        std::fprintf(stderr, "digits: %s takes a number between 0 and 1, not '%s'\n", option, text);
+        RejectOptions();
+    }
+    return ratio;
+}
+
+/// "N:M", N of every M.
+void ParseSparsity(const char* option, const char* text, int& numKept, int& groupSize) {
+    const char* colon = std::strchr(text, ':');
+    if (colon == nullptr || !IsNumber(text, colon, numKept) ||
+        !IsNumber(colon + 1, text + std::strlen(text), groupSize) || numKept < 1 || numKept >= groupSize ||
+        groupSize > kMaxGroup) {
+        std::fprintf(stderr, "digits: %s takes N:M with N from 1 and below M, M up to %d, not '%s'\n", option,
+                     kMaxGroup, text);
+        RejectOptions();
+    }
 }
 
 /// The index of the word that the text is.
@@ -99,7 +130,22 @@ std::string RangeText(int smallest, int largest) {
 }  // namespace
 
 Options ParseOptions(int argc, char** argv) {
-    enum : int { kBits = 1, kBatches, kCalibration, kWeights, kClusters, kRetrainBits, kEpochs, kRecord, kData, kHelp };
+    enum : int {
+        kBits = 1,
+        kBatches,
+        kCalibration,
+        kWeights,
+        kClusters,
+        kRetrainBits,
+        kEpochs,
+        kPrune,
+        kSparse,
+        kBalance,
+        kDump,
+        kRecord,
+        kData,
+        kHelp
+    };
     const option known[] = {{"bits", required_argument, nullptr, kBits},
                             {"batches", required_argument, nullptr, kBatches},
                             {"calibration", required_argument, nullptr, kCalibration},
@@ -107,6 +153,10 @@ Options ParseOptions(int argc, char** argv) {
                             {"clusters", required_argument, nullptr, kClusters},
                             {"retrain-bits", required_argument, nullptr, kRetrainBits},
                             {"epochs", required_argument, nullptr, kEpochs},
+                            {"prune", required_argument, nullptr, kPrune},
+                            {"sparse", required_argument, nullptr, kSparse},
+                            {"balance", no_argument, nullptr, kBalance},
+                            {"dump", required_argument, nullptr, kDump},
                             {"record", required_argument, nullptr, kRecord},
                             {"data", required_argument, nullptr, kData},
                             {"help", no_argument, nullptr, kHelp},
@@ -134,6 +184,18 @@ Options ParseOptions(int argc, char** argv) {
                 break;
             case kEpochs:
                 options.epochs = ParseNumber("--epochs", optarg, 1, kMaxEpochs);
+                break;
+            case kPrune:
+                options.prune = ParseRatio("--prune", optarg);
+                break;
+            case kSparse:
+                ParseSparsity("--sparse", optarg, options.sparseKept, options.sparseGroup);
+                break;
+            case kBalance:
+                options.balance = true;
+                break;
+            case kDump:
+                options.dump = ParsePath("--dump", optarg);
                 break;
             case kRecord:
                 options.record = ParsePath("--record", optarg);
@@ -193,7 +255,12 @@ void Print(const Report& report, const Options& options, const Stopwatch& watch)
     std::printf("phase                         seconds\n");
     for (const auto& [phase, seconds] : watch.Laps()) std::printf("%-27s  %8.6f\n", phase.c_str(), seconds);
     std::printf("\nrecord file: %s\n", options.record.c_str());
-    std::printf("accuracy: float %.2f %%, quantised %.2f %%\n", report.floatAccuracy, report.quantisedAccuracy);
+    for (const Change& change : report.changes) {
+        if (report.changes.size() == 1) break;  // nothing was done
+        std::printf("%-12s float %.2f %%  %s\n", change.name.c_str(), change.accuracy, change.details.c_str());
+    }
+    std::printf("accuracy: float %.2f %%, quantised %.2f %%, deployed %.2f %%\n", report.floatAccuracy,
+                report.quantisedAccuracy, report.deployedAccuracy);
     std::printf("at %d bits: float %.2f %%, quantised %.2f %%, retrained %.2f %%\n", options.retrainBits,
                 report.floatAccuracy, report.beforeRetraining, report.retrainedAccuracy);
 }

@@ -24,6 +24,11 @@ struct Options {
     int clusters = 16;  // of NUQ
     int retrainBits = 4;
     int epochs = 12;
+    float prune = 0;      // part of each layer's channels
+    int sparseKept = 0;   // N of N:M,
+    int sparseGroup = 0;  // M; 0: not sparse
+    bool balance = false;
+    std::string dump;  // none: nothing is dumped
     std::string record = "digits.record";
     std::string data = KEST_DIGITS_DATA;
 };
@@ -71,18 +76,27 @@ struct LayerReport {
     int largestShift;
 };
 
+/// What was done to the float network, and its accuracy from then on.
+struct Change {
+    std::string name;
+    double accuracy;
+    std::string details;
+};
+
 struct Report {
     std::vector<LayerReport> layers;
     int numHeldOut;
     int numShifts;  // of all channels, and for how many of them both searches found the same
     int numEqualShifts;
-    double floatAccuracy;  // percent, as all of them
+    std::vector<Change> changes;  // the first is the network as trained
+    double floatAccuracy;         // of the network that is quantised; percent, as all of them
     double quantisedAccuracy;
+    double deployedAccuracy;
     double beforeRetraining;
     double retrainedAccuracy;
 };
 
-/// Prints the table, the phases and, as the last two lines, the accuracies.
+/// Prints the table, the phases, the changes and, as the last two lines, the accuracies.
 void Print(const Report& report, const Options& options, const Stopwatch& watch);
 
 }  // namespace digits

@@ -150,10 +150,18 @@ Layer Turned(const Layer& layer) {
     return turned;
 }
 
-/// The layer's view of its input: as it is, or flattened to 1x1 for a dense layer.
+/// Divides the channels of a layer's input, or of a gradient with respect to it.
+void DivideChannels(const Layer& layer, std::vector<float>& values) {
+    const size_t numDivisors = layer.inputDivisors.size();
+    if (numDivisors == 0) return;
+    for (size_t i = 0; i < values.size(); ++i) values[i] /= layer.inputDivisors[i % numDivisors];
+}
+
+/// The layer's view of its input: as it is, or flattened to 1x1 for a dense layer; divided.
 void FitInput(Tensor& input, const Layer& layer) {
     if (input.c != layer.inChannels) input = {input.n, 1, 1, input.h * input.w * input.c, std::move(input.data)};
     if (input.c != layer.inChannels) throw std::runtime_error("layer " + layer.name + " does not fit its input");
+    DivideChannels(layer, input.data);
 }
 
 }  // namespace
@@ -222,12 +230,14 @@ Tensor Convolve(const Tensor& in, const Layer& layer) {
     return out;
 }
 
-Tensor Run(const Network& network, Tensor images, const InputHook& onInput, std::vector<Trace>* traces) {
+Tensor Run(const Network& network, Tensor images, const InputHook& onInput, std::vector<Trace>* traces,
+           const SumHook& onSums) {
     Tensor x = std::move(images);
     for (size_t layer = 0; layer < network.size(); ++layer) {
         FitInput(x, network[layer]);
         onInput(layer, x);
         Tensor out = Convolve(x, network[layer]);
+        if (onSums) onSums(layer, out);
         if (layer + 1 < network.size()) {
             for (float& value : out.data) value = std::max(value, 0.0f);
         }
@@ -253,18 +263,22 @@ std::vector<Gradients> Backward(const Network& network, const std::vector<Trace>
         gradients[layer] = ParameterGradients(traces[layer].input, network[layer], ofSums);
         gradient = Convolve(ofSums, Turned(network[layer])).data;
         onGradient(layer, gradient);
+        DivideChannels(network[layer], gradient);
     }
     return gradients;
 }
 
-double Accuracy(const Network& network, const Images& images, const InputHook& onInput) {
-    const Tensor scores = Run(network, images.pixels, onInput);
+double PercentRight(const Tensor& scores, const std::vector<uint8_t>& labels) {
     int numRight = 0;
     for (int image = 0; image < scores.n; ++image) {
         const float* score = &scores.data[static_cast<size_t>(image) * scores.c];
-        numRight += std::max_element(score, score + scores.c) - score == images.labels[image];
+        numRight += std::max_element(score, score + scores.c) - score == labels[image];
     }
     return 100.0 * numRight / scores.n;
+}
+
+double Accuracy(const Network& network, const Images& images, const InputHook& onInput) {
+    return PercentRight(Run(network, images.pixels, onInput), images.labels);
 }
 
 }  // namespace digits

@@ -31,6 +31,8 @@ struct Layer {
     bool pooled;                 // 2x2 maximum after ReLU
     std::vector<float> weights;  // [kernelHeight][kernelWidth][inChannels][outChannels]
     std::vector<float> bias;     // [outChannels]
+
+    std::vector<float> inputDivisors;  // what each input channel is divided by before the layer sees it; none: 1
 };
 
 /// Layers in the order they run; ReLU follows each but the last, which gives one score for each digit.
@@ -61,6 +63,9 @@ Tensor Convolve(const Tensor& in, const Layer& layer);
 /// sees: look at them to calibrate, change them to quantise.
 using InputHook = std::function<void(size_t layer, Tensor& input)>;
 
+/// The same for the layer's sums, before ReLU and pooling.
+using SumHook = std::function<void(size_t layer, Tensor& sums)>;
+
 /// What the backward pass of a layer needs of its forward pass.
 struct Trace {
     Tensor input;   // as the layer saw it
@@ -68,7 +73,8 @@ struct Trace {
 };
 
 /// The network's scores, [n][1][1][digits]. With `traces`, one for each layer is stored there.
-Tensor Run(const Network& network, Tensor images, const InputHook& onInput, std::vector<Trace>* traces = nullptr);
+Tensor Run(const Network& network, Tensor images, const InputHook& onInput, std::vector<Trace>* traces = nullptr,
+           const SumHook& onSums = {});
 
 /// The gradients of a loss with respect to a layer's parameters, laid out as these.
 struct Gradients {
@@ -84,7 +90,10 @@ using GradientHook = std::function<void(size_t layer, std::vector<float>& gradie
 std::vector<Gradients> Backward(const Network& network, const std::vector<Trace>& traces, std::vector<float> scores,
                                 const GradientHook& onGradient);
 
-/// Percentage of images whose best score is their label's.
+/// Percentage of images whose best score, the first of equal ones, is their label's.
+double PercentRight(const Tensor& scores, const std::vector<uint8_t>& labels);
+
+/// That of the network's scores.
 double Accuracy(const Network& network, const Images& images, const InputHook& onInput);
 
 }  // namespace digits

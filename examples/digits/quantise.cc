@@ -63,15 +63,6 @@ int AddBatchHfmg(std::vector<float>& batch, int numBits, int numBatches, TensorC
     return calibrate(tensor.bins, param, tensor.batchIndex, numBatches, input, results);
 }
 
-/// A matrix of `rows` rows with rows and columns swapped. The network has the output channel innermost, NUQ has it
-/// outermost.
-std::vector<float> Transposed(std::vector<float> matrix, int rows) {
-    const int length = static_cast<int>(matrix.size());
-    std::vector<int> shape{rows, length / rows};
-    KestCommon::TransposeAB(matrix.data(), length, shape);
-    return matrix;
-}
-
 /// NUQ's view of a layer's factors; scaleStore and offsetStore are what it publishes and fake-quantises with.
 KestTfOp::WeightNuqQuantParam ClusteredView(Factors& factors) {
     KestTfOp::WeightNuqQuantParam param{};
@@ -92,8 +83,15 @@ void Check(int status, const std::string& step) {
     if (status != 0) throw std::runtime_error(step + " failed with status " + std::to_string(status));
 }
 
-std::vector<Factors> CalibrateInputs(const Network& network, const Images& training, Calibration calibration,
-                                     int numBits, int numBatches) {
+std::vector<float> Transposed(std::vector<float> matrix, int rows) {
+    const int length = static_cast<int>(matrix.size());
+    std::vector<int> shape{rows, length / rows};
+    KestCommon::TransposeAB(matrix.data(), length, shape);
+    return matrix;
+}
+
+void CalibrateInputs(const Network& network, const Images& training, Calibration calibration, int numBits,
+                     int numBatches, std::vector<Factors>& factors) {
     if (numBatches * kBatchSize > training.pixels.n) throw std::runtime_error("too few training images");
     std::vector<TensorCalibration> tensors(network.size());
     Progress progress;
@@ -106,13 +104,11 @@ std::vector<Factors> CalibrateInputs(const Network& network, const Images& train
                   "calibrating the input of " + network[layer].name);
         });
     }
-    std::vector<Factors> factors(network.size());
     for (size_t layer = 0; layer < network.size(); ++layer) {
         factors[layer].numBits = numBits;
         factors[layer].inputScale = tensors[layer].scale;
         factors[layer].inputOffset = tensors[layer].offset;
     }
-    return factors;
 }
 
 void QuantiseUniform(const Layer& layer, Factors& factors) {

@@ -22,16 +22,22 @@ struct Factors {
     int inputOffset = 0;
     std::vector<float> weightScales;  // one for each output channel
     std::vector<int> weightOffsets;
-    std::vector<int> clusters;  // none: the weights are uniform
+    std::vector<int> clusters;   // none: the weights are uniform
+    std::vector<float> balance;  // one for each input channel; none: the layer is not balanced
+    std::vector<int> shifts;     // one for each output channel, once they are found
 };
 
 /// A failing kernel prints a log line and returns a status other than 0; here that ends the program.
 void Check(int status, const std::string& step);
 
+/// A matrix of `rows` rows with rows and columns swapped. The network has its channels innermost, most kernels that
+/// work channel by channel have them outermost.
+std::vector<float> Transposed(std::vector<float> matrix, int rows);
+
 /// Runs the float network on the first batches of the training images and finds the input scale and offset of each of
 /// its layers.
-std::vector<Factors> CalibrateInputs(const Network& network, const Images& training, Calibration calibration,
-                                     int numBits, int numBatches);
+void CalibrateInputs(const Network& network, const Images& training, Calibration calibration, int numBits,
+                     int numBatches, std::vector<Factors>& factors);
 
 /// Finds the scales and offsets of a layer's weights on a uniform grid of factors.numBits bits (ARQ).
 void QuantiseUniform(const Layer& layer, Factors& factors);

@@ -111,7 +111,8 @@ void LearnWeights(const Gradients& gradients, int numBits, float rate, Layer& la
             scaleGradients[channel] += gradients.weights[i] * (code < low ? low : high);
         } else {
             scaleGradients[channel] += gradients.weights[i] * (code - exact);
-            layer.weights[i] -= rate * gradients.weights[i];
+            // A weight of exactly 0 is one that pruning or a mask has taken out: it stays out.
+            if (layer.weights[i] != 0) layer.weights[i] -= rate * gradients.weights[i];
         }
     }
     // A scale collects the gradients of all its weights, times codes up to the end of the grid: it takes smaller steps.

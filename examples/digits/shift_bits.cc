@@ -4,11 +4,11 @@
 #include <kest/weight_quant/search_n.h>
 #include <kest/weight_quant/search_n_v2.h>
 
-#include <cmath>
 #include <string>
 #include <utility>
 
 #include "console.h"
+#include "deploy.h"
 
 namespace digits {
 namespace {
@@ -53,17 +53,6 @@ void AddBatch(Tensor& accumulators, int numBatches, LayerSearch& search) {
           "SearchNV2Functor");
 }
 
-/// The layer in integers: weights in units of their channel's scale, biases in units of its accumulators.
-Layer IntegerLayer(Layer layer, const Factors& factors) {
-    for (size_t i = 0; i < layer.weights.size(); ++i) {
-        layer.weights[i] = std::round(layer.weights[i] / factors.weightScales[i % layer.outChannels]);
-    }
-    for (int o = 0; o < layer.outChannels; ++o) {
-        layer.bias[o] = std::round(layer.bias[o] / (factors.inputScale * factors.weightScales[o]));
-    }
-    return layer;
-}
-
 }  // namespace
 
 std::vector<ShiftBits> FindShiftBits(const Network& network, const std::vector<Factors>& factors, const Images& images,
@@ -71,17 +60,16 @@ std::vector<ShiftBits> FindShiftBits(const Network& network, const std::vector<F
     const Network quantised = FakeQuantise(network, factors);
     Network integers;
     for (size_t layer = 0; layer < network.size(); ++layer) {
-        integers.push_back(IntegerLayer(quantised[layer], factors[layer]));
+        integers.push_back(IntegerLayer(network[layer], factors[layer]));
     }
     std::vector<LayerSearch> searches(network.size());
     Progress progress;
     for (int batch = 0; batch < numBatches; ++batch) {
         progress.Show("searching shift bits: batch " + std::to_string(batch + 1) + " of " + std::to_string(numBatches));
         Run(quantised, Slice(images.pixels, batch * kBatchSize, kBatchSize), [&](size_t layer, Tensor& input) {
+            Tensor codes = input;
+            ToCodes(codes.data, factors[layer]);
             FakeQuantiseInput(input.data, factors[layer]);
-            Tensor codes = input;  // less the offset
-            for (float& value : codes.data) value = std::round(value / factors[layer].inputScale);
-            // Exact in single precision: 8-bit codes times 8-bit weights over a kernel stay below 2^24.
             Tensor accumulators = Convolve(codes, integers[layer]);
             AddBatch(accumulators, numBatches, searches[layer]);
         });

@@ -27,7 +27,11 @@ inline Block BlockOfThread(int n, int numThreads, int thread) {
 /// throw and writes only what belongs to its own iterations. One thread, without a region, unless `worthwhile`.
 template <typename Body>
 void ParallelFor(int n, bool worthwhile, Body body) {
-#pragma omp parallel if (worthwhile)
+    if (!worthwhile) {
+        if (n > 0) body(Block{0, n});
+        return;
+    }
+#pragma omp parallel
     {
         const Block block = BlockOfThread(n, omp_get_num_threads(), omp_get_thread_num());
         if (block.begin < block.end) body(block);
