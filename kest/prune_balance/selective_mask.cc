@@ -28,6 +28,7 @@ struct Choice {
     std::size_t groupSize;
     std::size_t keepNum;
     std::size_t groupsPerOuter;
+    bool isDense;  // the workspace is laid out as the tensor
 
     std::size_t NumReal(std::size_t slot, std::size_t numSlots) const {
         return slot < selected.size() ? std::min(numSlots, selected.size() - slot) : 0;
@@ -77,23 +78,36 @@ struct Choice {
     }
 };
 
-constexpr std::size_t kCached = 4096;     // elements worked on at once
 constexpr std::size_t kCopied = 1 << 18;  // bytes gathered at once, in the second-level cache: long copies are fast
 
-/// Few positions a group: those of several groups side by side in the lanes.
+/// Few positions a group: those of several groups side by side in the lanes. Small steps, and where the workspace is
+/// laid out as the tensor the lines of a later step fetched on the way: the work then hides most of the wait for
+/// memory.
 template <typename Loops, typename T>
 void ChooseNarrow(const Choice<T>& choice, std::size_t first, std::size_t last) {
     const std::size_t groupSize = choice.groupSize;
     const std::size_t inner = choice.inner;
-    T values[kCached];  // [slot of a group][position]
-    T kept[kCached];
-    T keep[kCached];  // as the workspace; stored by long copies, since short stores wait for memory one by one
+    constexpr std::size_t kStep = 256;  // elements
+    constexpr std::size_t kAhead = 4;   // steps
+    constexpr std::size_t kSize = kMaxRanked * Loops::kLanes;
+    T values[kSize];  // [slot of a group][position]
+    T kept[kSize];
+    T keep[kSize];  // as the workspace; stored by copies, since short stores wait for memory one by one
     T* rows[kMaxRanked];
-    const std::size_t step = std::max<std::size_t>(1, kCached / groupSize / inner);
+    const std::size_t step = std::max<std::size_t>(1, kStep / groupSize / inner);
     for (; first < last; first += step) {
         const std::size_t numGroups = std::min(step, last - first);
         choice.Gather(first, first + numGroups);
-        const T* gathered = choice.gathered + first * groupSize * inner;
+        const std::size_t place = first * groupSize * inner;
+        if (choice.isDense && first + (kAhead + 1) * step <= last) {
+            const std::size_t later = place + kAhead * step * groupSize * inner;
+            for (std::size_t i = later; i < later + step * groupSize * inner; i += 64 / sizeof(T)) {
+                __builtin_prefetch(choice.data + i);
+                __builtin_prefetch(choice.gathered + i, 1);
+                __builtin_prefetch(choice.mask + i, 1);
+            }
+        }
+        const T* gathered = choice.gathered + place;
         const std::size_t width = numGroups * inner;
         const std::size_t stride = std::max(width, Loops::kLanes);
         for (std::size_t k = 0; k < groupSize; ++k) {
@@ -188,6 +202,7 @@ void MakeMask(const T* data, const T* channelSelect, T* gathered, SelectivePrune
         if (std::fabs(channelSelect[c]) >= 1) choice.selected.push_back(c);
     const auto numSelected = static_cast<float>(choice.selected.size());
     choice.groupsPerOuter = static_cast<std::size_t>(std::ceil(numSelected / static_cast<float>(param.groupSize)));
+    choice.isDense = choice.selected.size() == numChannels && choice.groupsPerOuter * choice.groupSize == numChannels;
     const std::size_t numGroups = ComputeProduct(shape, 0, param.axis) * choice.groupsPerOuter;
     if (numGroups == 0) return;
 
