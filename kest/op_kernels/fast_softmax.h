@@ -12,7 +12,8 @@
 //   p(d) = b * d^3 + (a * d^2 + (d + 1))    d = x - the row's maximum, 0 for d <= threshold
 //   out = p / the row's sum of p
 //
-// a = 1/2 and b = 1/6 are the Taylor series of exp. p may be negative. For float, d and d + 1 are in single precision
+// a = 1/2 and b = 1/6 are the Taylor series of exp; p is then negative below d = -1.596, so that a lower threshold can
+// turn the order of the outputs around. For float, d and d + 1 are in single precision
 // and the rest is in double, rounded once; both outer steps are fused multiply-adds, and d^3 is the correctly rounded
 // cube. Sums are in T, in index order. NaN makes its row NaN.
 //
