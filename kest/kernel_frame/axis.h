@@ -15,6 +15,11 @@ struct Axis {
     std::size_t stride;
 };
 
+/// A count or stride of a caller's, which is to be positive.
+KEST_INLINE std::size_t AtLeastOne(int n) {
+    return n < 1 ? 1 : static_cast<std::size_t>(n);
+}
+
 constexpr std::size_t kLongRun = 32;  // elements that are worth a loop of their own
 
 /// Lays out the factors of n elements, from number `position` of a period of the axis on, one for each element. `out`

@@ -12,6 +12,5 @@ void Log(const char* level, const char* function, int line, const char* format, 
 
 // The name in the line is that of the function that holds the statement.
 #define LOG_ERROR(...) util::Log("ERROR", __func__, __LINE__, __VA_ARGS__)
-#define LOG_INFO(...) util::Log("INFO", __func__, __LINE__, __VA_ARGS__)
 
 #endif  // KEST_KERNEL_FRAME_LOG_H_

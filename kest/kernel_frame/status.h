@@ -9,7 +9,7 @@ constexpr int STATUS_OK = 0;
 // Kernels: negative, the upper 16 bits all ones.
 constexpr int STATUS_GENERIC_ERROR = -65536;  // 0xFFFF0000: a calibration step cannot produce a result
 constexpr int STATUS_BAD_PARAM = -65530;      // 0xFFFF0006: invalid arguments
-constexpr int STATUS_FILE_ERROR = -65529;     // 0xFFFF0007: invalid path, open, stat or close failure, empty file
+constexpr int STATUS_FILE_ERROR = -65529;     // 0xFFFF0007: a path or file that cannot be worked on, empty or too large
 constexpr int STATUS_RUNTIME_ERROR = -65528;  // 0xFFFF0008: allocation, read or write failure, key not found
 constexpr int STATUS_SCALE_ERROR = -65519;    // 0xFFFF0011: an illegal scale
 

@@ -32,16 +32,17 @@ void ForEachBlock(int length, Work work) {
 template <typename Param>
 util::Axis ChannelAxis(const Param& param) {
     if (!param.channelWise) return {1, 1};
-    const auto atLeastOne = [](int n) { return static_cast<std::size_t>(std::max(n, 1)); };
-    return {atLeastOne(param.channelNum), param.channelFirst ? atLeastOne(param.innerSize) : 1};
+    return {util::AtLeastOne(param.channelNum), param.channelFirst ? util::AtLeastOne(param.innerSize) : 1};
 }
 
-/// Where a channel has few elements side by side: the factor of each element of a period, if the tensor has a whole
-/// one, so that the loops read them where they are.
+/// Where a channel has few elements side by side: the factor of each element of a period, so that the loops read them
+/// where they are. For short periods, of which the tensor has enough to pay for it.
 void SpreadShortRuns(util::Axis& axis, int length, std::initializer_list<std::vector<float>*> tables) {
+    constexpr std::size_t kMaxPeriod = 65536;
+    constexpr std::size_t kMinPeriods = 8;
     const bool isShort = axis.stride > 1 && axis.stride < util::kLongRun;
     const std::size_t period = axis.count * axis.stride;
-    if (!isShort || length < 1 || period > static_cast<std::size_t>(length)) return;
+    if (!isShort || period > std::min(kMaxPeriod, length / kMinPeriods)) return;
     for (std::vector<float>* factors : tables) {
         std::vector<float> spread;
         spread.reserve(period);
@@ -66,9 +67,11 @@ int OrvaneQuantFunctor<util::ThreadPoolDevice, float>::operator()(QuantInputPara
 
 template <typename T>
 int OrvaneDequantInternelCpu(DequantInputParam<T> param, T* out) {
-    std::vector<float> inverse(std::max(param.channelNum, 1));
-    std::vector<float> rescale(inverse.size());
-    for (int c = 0; c < param.channelNum; ++c) {
+    if (param.length < 1) return STATUS_OK;  // then there need be no word
+    util::Axis channels = ChannelAxis(param);
+    std::vector<float> inverse(channels.count);
+    std::vector<float> rescale(channels.count);
+    for (std::size_t c = 0; c < channels.count && param.channelNum > 0; ++c) {
         const auto bits = static_cast<uint32_t>(param.deqScale[c]);
         float scale;
         std::memcpy(&scale, &bits, sizeof scale);
@@ -76,7 +79,6 @@ int OrvaneDequantInternelCpu(DequantInputParam<T> param, T* out) {
         inverse[c] = 1.0f / power;
         rescale[c] = power * scale;
     }
-    util::Axis channels = ChannelAxis(param);
     SpreadShortRuns(channels, param.length, {&inverse, &rescale});
     const auto multiplier = static_cast<float>(param.inputMultiplier);
     ForEachBlock(param.length, [&](auto isa, std::size_t begin, std::size_t end) {

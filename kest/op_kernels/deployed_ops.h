@@ -37,7 +37,8 @@ struct DequantInputParam {
     int inputMultiplier;  // k below, not 0
     int length;
     const T* input;            // integers
-    const uint64_t* deqScale;  // channelNum words: bits 0-31 the scale, a float; bits 32-39 the shift; the rest unread
+    const uint64_t* deqScale;  // channelNum words, one without channelWise: bits 0-31 the scale, a float; bits 32-39
+                               // the shift; the rest unread
     int channelNum;
     int innerSize;
     bool channelWise;
@@ -81,7 +82,7 @@ struct KEST_EXPORT OrvaneQuantFunctor<util::ThreadPoolDevice, float> {
 
 /// y = k * input[i]. With a shift N other than 0, y = floor(y / 2^N), clamped to [-32768, 32767]. Then
 /// out[i] = y * (2^N * scale) / k. N and scale are of the element's channel, both 0 for channelNum below 1. 2^N from
-/// N = 128 on is infinite. NaN stays. Needs memory for two floats a channel.
+/// N = 128 on is infinite. NaN stays. Needs memory for two floats a channel, or 512 KiB if that is more.
 template <typename T>
 KEST_EXPORT int OrvaneDequantInternelCpu(DequantInputParam<T> param, T* out);
 
@@ -97,7 +98,8 @@ struct KEST_EXPORT OrvaneAntiQuantFunctor<util::ThreadPoolDevice, float> {
     int operator()(AntiQuantInputParam<float> param, float* out) const;
 };
 
-/// out[i] = weight[i] - offset of the element's channel. Needs memory for one float a channel.
+/// out[i] = weight[i] - offset of the element's channel. Needs memory for one float a channel, or 256 KiB if that
+/// is more.
 template <>
 struct KEST_EXPORT OrvaneWeightQuantFunctor<util::ThreadPoolDevice, float> {
     int operator()(WeightQuantInputParam<float> param, float* out) const;

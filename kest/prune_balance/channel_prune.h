@@ -27,9 +27,10 @@ struct KEST_EXPORT PruneParam {
     std::vector<unsigned int> groupPruneNum;  // G counts of channels to prune
 };
 
-/// How many of `numChannels` channels to prune: numChannels less the number kept, which is rounded up to a multiple of
-/// 16 if `alignTo16` (but not above numChannels), then down to one of numGroups, and is at least numGroups. In single
-/// precision.
+/// How many of `numChannels` channels to prune, for a ratio from 0 to 1 and at most numChannels groups: numChannels
+/// less the number kept, which is rounded up to a multiple of 16 if `alignTo16` (but not above numChannels), then down
+/// to one of numGroups, and is at least numGroups. In single precision. What lies beyond is computed likewise: more
+/// groups than channels give a negative count.
 KEST_EXPORT int CalPruneNum(int numChannels, int numGroups, float pruneRatio, bool alignTo16);
 
 /// Adds one tensor's scores to accNorms. Both vectors have K entries, groupOfChannel the group of each channel;
@@ -39,7 +40,7 @@ KEST_EXPORT int CalPruneNum(int numChannels, int numGroups, float pruneRatio, bo
 /// and rounded to T each time; then becomes the root of the sum divided by (length / K) * the size of the channel's
 /// group, an unsigned 32-bit integer that wraps around; and last its place between the smallest and the largest of its
 /// group. A group of equal norms adds nothing; a NaN norm restarts the range of its group at the next channel. Parallel
-/// over the channels with OpenMP's default team.
+/// over the channels with OpenMP's default team, but for an innerJump of 1 with channels of less than 16 KiB together.
 ///
 /// 0, or EMPTY_INPUT_ERROR with one log line, nothing changed, for innerJump or K below 1.
 template <typename T>

@@ -2,6 +2,8 @@
 
 #include <kest/kernel_frame/transpose.h>
 
+#include <cstdint>
+
 namespace KestCommon {
 namespace {
 
@@ -31,10 +33,11 @@ KEST_INLINE void AddRow(const T* x, std::size_t width, T* sums) {
     for (; c < width; ++c) sums[c] = AddSquare(sums[c], x[c]);
 }
 
-/// Brings n elements nearer.
+/// Brings n elements from x + offset on nearer; they may lie behind the array.
 template <typename T>
-KEST_INLINE void Fetch(const T* x, std::size_t n) {
-    for (std::size_t i = 0; i < n; i += 64 / sizeof(T)) __builtin_prefetch(x + i);
+KEST_INLINE void Fetch(const T* x, std::size_t offset, std::size_t n) {
+    const auto address = reinterpret_cast<uintptr_t>(x) + offset * sizeof(T);
+    for (std::size_t i = 0; i < n * sizeof(T); i += 64) __builtin_prefetch(reinterpret_cast<const void*>(address + i));
 }
 
 }  // namespace
@@ -43,7 +46,7 @@ template <typename Isa, typename T>
 void ChannelPruneLoops<Isa, T>::AddSquares(const T* x, std::size_t numRows, std::size_t stride, std::size_t width,
                                            T* sums) {
     for (std::size_t row = 0; row < numRows; ++row, x += stride) {
-        if (row + 1 < numRows && width < stride) Fetch(x + stride, width);  // parts of rows make no stream
+        if (row + 1 < numRows && width < stride) Fetch(x, stride, width);  // parts of rows make no stream
         AddRow(x, width, sums);
     }
 }
@@ -60,18 +63,19 @@ void ChannelPruneLoops<Isa, T>::AddSquaresOfRuns(const T* x, std::size_t numPeri
             for (std::size_t i = 0; i < inner; i += kLength) {
                 const std::size_t length = inner - i < kLength ? inner - i : kLength;
                 util::Transpose(x + c * inner + i, inner, width, length, columns, kChannels);
-                // What comes next, of `length` rows: the rest of these runs, the next channels, the next period.
+                // What comes next, in as many parts as there are rows to add: more of these runs, the start of the next
+                // channels' runs, or of the next period.
                 const bool isLast = c + width == numChannels;
-                const T* next = x + (isLast ? period : (c + width) * inner);
+                std::size_t next = isLast ? period : (c + width) * inner;
                 std::size_t nextStride = width;
                 if (i + length < inner) {
-                    next = x + c * inner + i + length;
+                    next = c * inner + i + length;
                     nextStride = inner;
                 } else if (isLast && p + 1 == numPeriods) {
                     nextStride = 0;
                 }
                 for (std::size_t r = 0; r < length; ++r) {
-                    if (nextStride > 0) Fetch(next + r * nextStride, kChannels);
+                    if (nextStride > 0) Fetch(x, next + r * nextStride, kChannels);
                     AddRow(columns + r * kChannels, width, sums + c);
                 }
             }

@@ -4,9 +4,11 @@
 #include <kest/kernel_frame/isa.h>
 #include <kest/kernel_frame/multiply.h>
 #include <kest/kernel_frame/parallel.h>
+#include <kest/kernel_frame/transpose.h>
 
 #include <algorithm>
 #include <cstddef>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -44,32 +46,48 @@ int HandOut(const MaskGenParam<T>& param) {
     return STATUS_OK;
 }
 
+/// The entry of each element of the period that both axes share: for axes that change often and are not adjacent. Empty
+/// if the period is long, or if the tensor has too few of them to pay for it.
 template <typename T>
-std::vector<T> Transposed(const T* matrix, std::size_t numRows, std::size_t numColumns) {
-    std::vector<T> transposed(numRows * numColumns);
-    for (std::size_t row = 0; row < numRows; ++row) {
-        for (std::size_t column = 0; column < numColumns; ++column)
-            transposed[column * numRows + row] = matrix[row * numColumns + column];
-    }
-    return transposed;
+std::vector<T> SpreadOverPeriod(const T* mask, util::Axis slow, util::Axis fast, std::size_t length) {
+    constexpr std::size_t kMaxPeriod = 65536;
+    constexpr std::size_t kMinPeriods = 8;
+    const std::size_t slowPeriod = slow.count * slow.stride;
+    const std::size_t fastPeriod = fast.count * fast.stride;
+    if (std::max(slowPeriod, fastPeriod) > kMaxPeriod) return {};
+    const std::size_t period = std::lcm(slowPeriod, fastPeriod);
+    if (period > std::min(kMaxPeriod, length / kMinPeriods)) return {};
+    std::vector<T> entries(period);
+    for (std::size_t i = 0; i < period; ++i)
+        entries[i] = mask[i / slow.stride % slow.count * fast.count + i / fast.stride % fast.count];
+    return entries;
 }
 
 template <typename T>
 int Apply(const MaskParam& param, const T* mask, const T* data, T* out) {
     if (param.length < 1) return STATUS_OK;
-    const auto atLeastOne = [](int n) { return static_cast<std::size_t>(std::max(n, 1)); };
     // The mask as a matrix [slow][fast], by how often its entry changes from element to element.
-    util::Axis slow{atLeastOne(param.rowNum), atLeastOne(param.rowStride)};
-    util::Axis fast{atLeastOne(param.colNum), atLeastOne(param.colStride)};
+    util::Axis slow{util::AtLeastOne(param.rowNum), util::AtLeastOne(param.rowStride)};
+    util::Axis fast{util::AtLeastOne(param.colNum), util::AtLeastOne(param.colStride)};
+    const auto length = static_cast<std::size_t>(param.length);
     std::vector<T> transposed;
     if (slow.stride < fast.stride) {
-        transposed = Transposed(mask, slow.count, fast.count);
+        transposed.resize(slow.count * fast.count);
+        util::Transpose(mask, fast.count, slow.count, fast.count, transposed.data(), slow.count);
         mask = transposed.data();
         std::swap(slow, fast);
     }
+    std::vector<T> spread;
     if (slow.stride == fast.count * fast.stride) {  // adjacent axes are one
         fast.count *= slow.count;
-        slow = {1, static_cast<std::size_t>(param.length)};
+        slow = {1, length};
+    } else if (slow.stride < util::kLongRun) {
+        spread = SpreadOverPeriod(mask, slow, fast, length);
+        if (!spread.empty()) {
+            mask = spread.data();
+            fast = {spread.size(), 1};
+            slow = {1, length};
+        }
     }
     util::ParallelFor(param.length, param.length >= kWorthwhile, [&](util::Block block) {
         const auto end = static_cast<std::size_t>(block.end);
@@ -91,29 +109,19 @@ int Apply(const MaskParam& param, const T* mask, const T* data, T* out) {
 
 using util::ThreadPoolDevice;
 
-int GenerateMask<ThreadPoolDevice, float>::operator()(const float* rowMask, const float* colMask,
-                                                      MaskGenParam<float> param) const {
-    return Generate(rowMask, colMask, param);
-}
-int GenerateMask<ThreadPoolDevice, double>::operator()(const double* rowMask, const double* colMask,
-                                                       MaskGenParam<double> param) const {
-    return Generate(rowMask, colMask, param);
-}
-
-int IdentityMask<ThreadPoolDevice, float>::operator()(MaskGenParam<float> param) const {
-    return HandOut(param);
-}
-int IdentityMask<ThreadPoolDevice, double>::operator()(MaskGenParam<double> param) const {
-    return HandOut(param);
-}
-
-int MaskOut<ThreadPoolDevice, float>::operator()(MaskParam param, const float* mask, const float* data,
-                                                 float* out) const {
-    return Apply(param, mask, data, out);
-}
-int MaskOut<ThreadPoolDevice, double>::operator()(MaskParam param, const double* mask, const double* data,
-                                                  double* out) const {
-    return Apply(param, mask, data, out);
-}
+#define DEFINE(T)                                                                                                \
+    int GenerateMask<ThreadPoolDevice, T>::operator()(const T* rowMask, const T* colMask, MaskGenParam<T> param) \
+        const {                                                                                                  \
+        return Generate(rowMask, colMask, param);                                                                \
+    }                                                                                                            \
+    int IdentityMask<ThreadPoolDevice, T>::operator()(MaskGenParam<T> param) const {                             \
+        return HandOut(param);                                                                                   \
+    }                                                                                                            \
+    int MaskOut<ThreadPoolDevice, T>::operator()(MaskParam param, const T* mask, const T* data, T* out) const {  \
+        return Apply(param, mask, data, out);                                                                    \
+    }
+DEFINE(float)
+DEFINE(double)
+#undef DEFINE
 
 }  // namespace KestTfOp

@@ -60,7 +60,7 @@ struct KEST_EXPORT IdentityMask<util::ThreadPoolDevice, double> {
 };
 
 /// out[i] = mask entry of element i * data[i]; `out` may be `data`. Always 0. Strides and sizes below 1 count as 1.
-/// Needs memory for a copy of the mask where rows change faster than columns.
+/// May need memory for a copy of the mask, and for 65536 entries.
 template <>
 struct KEST_EXPORT MaskOut<util::ThreadPoolDevice, float> {
     int operator()(MaskParam param, const float* mask, const float* data, float* out) const;

@@ -165,23 +165,30 @@ void ChooseWide(const Choice<T>& choice, std::size_t first, std::size_t last) {
     }
 }
 
-/// Large groups, sorted.
+/// Large groups, sorted one position after the other.
 template <typename T>
-void ChooseSorted(const Choice<T>& choice, std::size_t first, std::size_t last) {
-    const std::size_t groupSize = choice.groupSize;
+void ChooseSorted(const Choice<T>& choice, std::size_t numGroups) {
+    const std::size_t inner = choice.inner;
     std::vector<unsigned int> indices;
-    std::vector<T> keep(groupSize * choice.inner);
-    for (; first < last; ++first) {
-        choice.Gather(first, first + 1);
-        const T* gathered = choice.gathered + first * groupSize * choice.inner;
-        std::fill(keep.begin(), keep.end(), T{0});
-        for (std::size_t t = 0; t < choice.inner; ++t) {
-            indices.resize(groupSize);
-            for (std::size_t k = 0; k < groupSize; ++k) indices[k] = static_cast<unsigned int>(k * choice.inner + t);
-            GetNOutOfM(static_cast<unsigned int>(choice.keepNum), indices, gathered);
-            for (const unsigned int index : indices) keep[index] = 1;
+    const auto chooseGroup = [&](std::size_t outer, std::size_t slot, std::size_t place) {
+        const auto channelMask = [&](std::size_t k) {
+            return choice.mask + outer * choice.outerStride + choice.selected[slot + k] * inner;
+        };
+        const std::size_t numReal = choice.NumReal(slot, choice.groupSize);
+        for (std::size_t k = 0; k < numReal; ++k) std::fill_n(channelMask(k), inner, T{0});
+        for (std::size_t t = 0; t < inner; ++t) {
+            indices.resize(choice.groupSize);
+            for (std::size_t k = 0; k < indices.size(); ++k) indices[k] = static_cast<unsigned int>(k * inner + t);
+            GetNOutOfM(static_cast<unsigned int>(choice.keepNum), indices, choice.gathered + place);
+            for (const unsigned int index : indices)
+                if (index / inner < numReal) channelMask(index / inner)[t] = 1;
         }
-        choice.Scatter(first, first + 1, keep.data());
+    };
+    choice.Gather(0, numGroups);
+    for (std::size_t group = 0; group < numGroups; ++group) {
+        choice.ForEachOuter(group, group + 1, [&](std::size_t outer, std::size_t slot, std::size_t, std::size_t place) {
+            chooseGroup(outer, slot, place);
+        });
     }
 }
 
@@ -206,6 +213,10 @@ void MakeMask(const T* data, const T* channelSelect, T* gathered, SelectivePrune
     const std::size_t numGroups = ComputeProduct(shape, 0, param.axis) * choice.groupsPerOuter;
     if (numGroups == 0) return;
 
+    if (choice.groupSize > kMaxRanked) {  // needs memory, which a thread of a region must not run out of
+        ChooseSorted(choice, numGroups);
+        return;
+    }
     // There may be more groups than an int counts.
     const std::size_t portion = 1 + numGroups / std::numeric_limits<int>::max();
     const std::size_t numPortions = (numGroups + portion - 1) / portion;
@@ -215,9 +226,7 @@ void MakeMask(const T* data, const T* channelSelect, T* gathered, SelectivePrune
         const std::size_t last = std::min(numGroups, block.end * portion);
         util::DispatchIsa([&](auto isa) {
             using Loops = SelectiveMaskLoops<decltype(isa), T>;
-            if (choice.groupSize > kMaxRanked) {
-                ChooseSorted(choice, first, last);
-            } else if (choice.inner >= Loops::kMinLanes) {
+            if (choice.inner >= Loops::kMinLanes) {
                 ChooseWide<Loops>(choice, first, last);
             } else {
                 ChooseNarrow<Loops>(choice, first, last);

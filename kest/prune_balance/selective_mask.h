@@ -42,8 +42,8 @@ struct KEST_EXPORT IdentityMask;
 /// selected channels.
 ///
 /// 0; EMPTY_INPUT_ERROR with a log line, nothing written, for a shape without dimensions, whose product modulo 2^32 is
-/// 0, or without the axis. Nothing happens for M = 0. Parallel with OpenMP's default team; needs memory for the list
-/// of selected channels.
+/// 0, or without the axis. Nothing happens for M = 0. Parallel with OpenMP's default team for M up to 64; needs memory
+/// for the list of selected channels and for M indices.
 template <>
 struct KEST_EXPORT ComputeMask<util::ThreadPoolDevice, float> {
     int operator()(const float* data, const float* channelSelect, float* gathered, SelectivePruneParam param,

@@ -7,7 +7,7 @@
 
 namespace SelectiveMaskGenKernel {
 
-constexpr std::size_t kMaxRanked = 64;   // M up to which ranks are counted, M steps an element
+constexpr std::size_t kMaxRanked = 64;  // M up to which ranks are counted, M steps an element
 
 /// The choice of selective_mask.h, one instance for each instruction set (isa.h).
 template <typename Isa, typename T>

@@ -20,6 +20,9 @@
 #include <utility>
 
 namespace util {
+
+template struct KEST_EXPORT QuantizeFactor<int>;  // before its first use, or its visibility is settled
+
 namespace {
 
 constexpr std::size_t kMaxFileSize = INT_MAX;  // bytes
@@ -79,14 +82,15 @@ bool FindBlock(std::string_view content, const char* layerName, Edit& edit) {
     return true;
 }
 
-/// `tail`, which begins within a value block, without the balance factors of that block; lines that hold nothing else
-/// go with them.
-std::string WithoutBalanceFactors(std::string_view tail) {
+/// Appends to `text` the bytes that follow edit.at once the edit is made, of those that do, `tail`, now. Where the list
+/// is replaced these are all but the balance factors of the value block that `tail` begins in; lines that hold nothing
+/// else go with them.
+void AppendTail(const Edit& edit, std::string_view tail, std::string& text) {
     constexpr const char* kBlanks = " \t\n\r";
     const auto orEnd = [&](std::size_t position) { return std::min(position, tail.size()); };
-    std::string kept;
     std::size_t copied = 0;
-    for (std::size_t at = orEnd(tail.find_first_not_of(kBlanks)); at < tail.size() && tail[at] != '}';) {
+    std::size_t at = edit.replacesList ? orEnd(tail.find_first_not_of(kBlanks)) : tail.size();
+    while (at < tail.size() && tail[at] != '}') {
         const std::size_t nameEnd = orEnd(tail.find_first_of(" \t\n\r:{", at));
         const std::size_t colon = orEnd(tail.find(':', nameEnd));
         const std::size_t end = orEnd(tail.find_first_of(kBlanks, tail.find_first_not_of(kBlanks, colon + 1)));
@@ -94,17 +98,12 @@ std::string WithoutBalanceFactors(std::string_view tail) {
             const std::size_t line = tail.rfind('\n', at) + 1;  // npos + 1 is 0
             const bool isAlone =
                 orEnd(tail.find_first_not_of(' ', line)) == at && end < tail.size() && tail[end] == '\n';
-            kept.append(tail, copied, (isAlone ? line : at) - copied);
+            text.append(tail, copied, (isAlone ? line : at) - copied);
             copied = isAlone ? end + 1 : end;
         }
         at = orEnd(tail.find_first_not_of(kBlanks, end));
     }
-    return kept.append(tail, copied);
-}
-
-/// The bytes that follow edit.at once the edit is made.
-std::string EditedTail(const Edit& edit, std::string_view tail) {
-    return edit.replacesList ? WithoutBalanceFactors(tail) : std::string(tail);
+    text.append(tail, copied);
 }
 
 bool Position(int fd, std::size_t at) {
@@ -123,12 +122,9 @@ bool ReadAll(int fd, char* bytes, std::size_t size) {
     return true;
 }
 
-bool WriteAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = write(fd, bytes.data(), bytes.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return false;
-        bytes.remove_prefix(static_cast<std::size_t>(count));
+bool Truncate(int fd, std::size_t size) {
+    while (ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        if (errno != EINTR) return false;
     }
     return true;
 }
@@ -140,7 +136,8 @@ Step EditInPlace(int fd, std::size_t size, const Edit& edit) {
     std::string tail(size - edit.at, '\0');
     if (!Position(fd, edit.at)) return Step::kReadPosition;
     if (!ReadAll(fd, tail.data(), tail.size())) return Step::kRead;
-    const std::string newTail = EditedTail(edit, tail);
+    std::string newTail;
+    AppendTail(edit, tail, newTail);
     if ((fcntl(fd, F_GETFL) & O_APPEND) != 0) return Step::kWrite;  // each write would go to the end
     struct stat old;
     const bool hasLength = fstat(fd, &old) == 0 && S_ISREG(old.st_mode);
@@ -148,19 +145,18 @@ Step EditInPlace(int fd, std::size_t size, const Edit& edit) {
     const std::size_t moved = edit.at + edit.lines.size();
     if (!Position(fd, moved)) return Step::kWritePosition;
     Step failed = Step::kDone;
-    if (!WriteAll(fd, newTail)) {
+    if (!kest_tf::WriteAll(fd, newTail)) {
         failed = Step::kWrite;
     } else if (!Position(fd, edit.at)) {
         failed = Step::kWritePosition;
-    } else if (!WriteAll(fd, edit.lines)) {
+    } else if (!kest_tf::WriteAll(fd, edit.lines)) {
         failed = Step::kWrite;
-    } else if (moved + newTail.size() < size && ftruncate(fd, static_cast<off_t>(moved + newTail.size())) != 0) {
+    } else if (moved + newTail.size() < size && !Truncate(fd, moved + newTail.size())) {
         failed = Step::kWrite;
     }
     if (failed != Step::kDone && hasLength) {
-        if (Position(fd, edit.at)) WriteAll(fd, tail);
-        while (ftruncate(fd, old.st_size) != 0 && errno == EINTR) {
-        }
+        if (Position(fd, edit.at)) kest_tf::WriteAll(fd, tail);
+        Truncate(fd, static_cast<std::size_t>(old.st_size));
     }
     return failed;
 }
@@ -231,59 +227,51 @@ int EditOpenFile(const Writer& writer, int fd, const unsigned char* content, std
     });
 }
 
-/// What both writers do with the file at a path; `wasTried` becomes true once the edit was tried and
-/// the file closed.
+/// What both writers do with the file at a path.
 template <typename T>
-int EditFileAt(const Writer& writer, const std::string& recordFile, const std::string& layerName,
-               const QuantizeFactor<T>& factor, bool& wasTried) {
+int EditFileAt(const Writer& writer, const std::string& recordFile, const char* layerName,
+               const QuantizeFactor<T>& factor) {
+    const auto fail = [&](int line, int status, const char* message) {
+        return Fail(writer.function, line, status, message);
+    };
     constexpr std::size_t kMaxPath = 4096;
     char path[kMaxPath + 1] = {};
     if (recordFile.size() > kMaxPath || realpath(recordFile.c_str(), path) == nullptr)
-        return Fail(writer.function, __LINE__, STATUS_FILE_ERROR, "Invalid record file path.\n");
-    int fd;
-    do {
-        fd = open(path, O_RDWR | O_CLOEXEC | O_NOCTTY);
-    } while (fd < 0 && errno == EINTR);
-    if (fd < 0) return Fail(writer.function, __LINE__, STATUS_FILE_ERROR, "Failed to open file.\n");
-
-    const auto closeAndFail = [&](int line, int status, const char* message) {
-        Fail(writer.function, line, status, message);
-        close(fd);
-        return status;
-    };
-    struct stat file;
-    if (fstat(fd, &file) != 0) return closeAndFail(__LINE__, STATUS_FILE_ERROR, "Failed to stat file.\n");
-    const auto size = static_cast<std::size_t>(file.st_size);
-    const bool isTooLarge = size > kMaxFileSize;
-    if (isTooLarge || (size == 0 && !writer.writesValues)) {
-        const char* message =
-            isTooLarge ? "file(%s) is too large: it must stay below 2 GiB.\n" : "file(%s) size is zero.\n";
-        Log("ERROR", writer.function, __LINE__, message, recordFile.c_str());
-        close(fd);
+        return fail(__LINE__, STATUS_FILE_ERROR, "Invalid record file path.\n");
+    kest_tf::File file(AT_FDCWD, path, O_RDWR);
+    if (!file.IsOpen()) return fail(__LINE__, STATUS_FILE_ERROR, "Failed to open file.\n");
+    struct stat status;
+    if (fstat(file.Get(), &status) != 0) return fail(__LINE__, STATUS_FILE_ERROR, "Failed to stat file.\n");
+    const auto size = static_cast<std::size_t>(status.st_size);
+    if (size > kMaxFileSize) {
+        Log("ERROR", writer.function, __LINE__, "file(%s) is too large: it must stay below 2 GiB.\n",
+            recordFile.c_str());
+        return STATUS_FILE_ERROR;
+    }
+    if (size == 0 && !writer.writesValues) {
+        Log("ERROR", writer.function, __LINE__, "file(%s) size is zero.\n", recordFile.c_str());
         return STATUS_FILE_ERROR;
     }
     const std::unique_ptr<char[]> content(new (std::nothrow) char[size + 1]);
-    if (content == nullptr) return closeAndFail(__LINE__, STATUS_RUNTIME_ERROR, "Failed to allocate memory.");
-    if (!ReadAll(fd, content.get(), size)) return closeAndFail(__LINE__, STATUS_FILE_ERROR, "Failed to read file.\n");
+    if (content == nullptr) return fail(__LINE__, STATUS_RUNTIME_ERROR, "Failed to allocate memory.");
+    if (!ReadAll(file.Get(), content.get(), size)) return fail(__LINE__, STATUS_FILE_ERROR, "Failed to read file.\n");
 
     const std::string_view text(content.get(), size);
-    bool isOpen = true;
-    bool closeFailed = false;
-    const auto closeFile = [&] {
-        isOpen = false;
-        closeFailed = close(fd) != 0 && errno != EINTR;
-    };
-    const int status = PlanAndApply(writer, text, layerName.c_str(), factor, [&](const Edit& edit) -> const char* {
-        closeFile();  // before the new file takes the old one's place: no failure comes after that
-        if (closeFailed) return nullptr;
-        const std::string edited =
-            std::string(text.substr(0, edit.at)) + edit.lines + EditedTail(edit, text.substr(edit.at));
-        return kest_tf::ReplaceFile(path, edited) == STATUS_OK ? nullptr : "Failed to write file.";
+    bool isClosed = true;
+    const int outcome = PlanAndApply(writer, text, layerName, factor, [&](const Edit& edit) -> const char* {
+        std::string edited;
+        edited.reserve(size + edit.lines.size());
+        edited.append(text, 0, edit.at).append(edit.lines);
+        AppendTail(edit, text.substr(edit.at), edited);
+        isClosed = file.Close();  // before the new file takes the old one's place: no failure comes after that
+        return !isClosed || kest_tf::ReplaceFile(path, edited) == STATUS_OK ? nullptr : "Failed to write file.";
     });
-    if (isOpen) closeFile();
-    if (closeFailed) return Fail(writer.function, __LINE__, STATUS_FILE_ERROR, "Failed to close file.\n");
-    wasTried = true;
-    return status;
+    if (file.IsOpen()) isClosed = file.Close();
+    if (!isClosed) return fail(__LINE__, STATUS_FILE_ERROR, "Failed to close file.\n");
+    const bool isDone = outcome == STATUS_OK;
+    Log(isDone ? "INFO" : "ERROR", writer.function, __LINE__, "Write %s to \"%s\" %s.\n",
+        writer.writesValues ? factor.name.c_str() : "scale_d and offset_d", layerName, isDone ? "success" : "failed");
+    return outcome;
 }
 
 /// A string of a caller who may have put the address of a character pointer in its place.
@@ -292,32 +280,29 @@ std::string TextOf(const std::string& text) {
     return characters == nullptr ? std::string() : std::string(characters);
 }
 
+/// RecordScaleOffsetKernel for strings read by TextOf.
+int WriteScaleOffset(const std::string& recordFile, const std::string& layerName,
+                     const QuantizeFactor<int>& factor) try {
+    return RecordScaleOffsetKernel(TextOf(recordFile), TextOf(layerName), factor);
+} catch (const std::bad_alloc&) {
+    return Fail(kScaleOffsetWriter.function, __LINE__, STATUS_RUNTIME_ERROR, "Failed to allocate memory.");
+}
+
 }  // namespace
 
 template <typename T>
 int RecordScaleOffsetKernel(const std::string& recordFile, const std::string& layerName,
                             const QuantizeFactor<T>& factor) {
-    bool wasTried = false;
-    const int status = EditFileAt(kScaleOffsetWriter, recordFile, layerName, factor, wasTried);
-    if (wasTried && status != STATUS_OK) {
-        LOG_ERROR("Write scale_d and offset_d to \"%s\" failed.\n", layerName.c_str());
-    } else if (wasTried) {
-        LOG_INFO("Write scale_d and offset_d to \"%s\" success.\n", layerName.c_str());
-    }
-    return status;
+    return EditFileAt(kScaleOffsetWriter, recordFile, layerName.c_str(), factor);
 }
 
 template <typename T>
-int RecordRepeatData(std::string recordFile, std::string layerName, const std::vector<T>& values, std::string name) {
-    bool wasTried = false;
+int RecordRepeatData(std::string recordFile, std::string layerName, const std::vector<T>& values,
+                     std::string name) try {
     const QuantizeFactor<T> factor{0, 0, values, std::move(name), 0};
-    const int status = EditFileAt(kValueWriter, recordFile, layerName, factor, wasTried);
-    if (wasTried && status != STATUS_OK) {
-        LOG_ERROR("Write %s to \"%s\" failed.\n", factor.name.c_str(), layerName.c_str());
-    } else if (wasTried) {
-        LOG_INFO("Write %s to \"%s\" success.\n", factor.name.c_str(), layerName.c_str());
-    }
-    return status;
+    return EditFileAt(kValueWriter, recordFile, layerName.c_str(), factor);
+} catch (const std::bad_alloc&) {
+    return Fail(kValueWriter.function, __LINE__, STATUS_RUNTIME_ERROR, "Failed to allocate memory.");
 }
 
 template <typename T>
@@ -332,7 +317,6 @@ int RecordRepeatDataKernel(int fd, const unsigned char* content, unsigned long s
     return EditOpenFile(kValueWriter, fd, content, size, layerName, factor);
 }
 
-template struct KEST_EXPORT QuantizeFactor<int>;
 template KEST_EXPORT int RecordScaleOffsetKernel(const std::string&, const std::string&, const QuantizeFactor<int>&);
 template KEST_EXPORT int RecordScaleOffsetData(int, unsigned char*, unsigned long, const char*,
                                                const QuantizeFactor<int>&);
@@ -349,11 +333,11 @@ INSTANTIATE(float);
 int RecordScaleOffset(const std::string& recordFile, const std::string& layerName, const util::FloatData& scale,
                       const util::IntData& offset, int dataType) {
     const util::QuantizeFactor<int> factor{scale.data[0], offset.data[0], {}, "data", dataType};
-    return util::RecordScaleOffsetKernel(util::TextOf(recordFile), util::TextOf(layerName), factor);
+    return util::WriteScaleOffset(recordFile, layerName, factor);
 }
 
 int RecordScaleOffsetWeight(const std::string& recordFile, const std::string& layerName, const util::FloatData& scale,
                             const util::IntData& offset) {
     const util::QuantizeFactor<int> factor{scale.data[0], offset.data[0], {}, "weight", 0};
-    return util::RecordScaleOffsetKernel(util::TextOf(recordFile), util::TextOf(layerName), factor);
+    return util::WriteScaleOffset(recordFile, layerName, factor);
 }

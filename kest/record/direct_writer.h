@@ -23,7 +23,8 @@
 // lines included, are refused. No semaphore is taken: a caller keeps this writer and the updates of record_update.h
 // off the same file.
 //
-// Each failure prints one log line where it happens and one of the writer's at the end; success prints one [INFO] line.
+// A failure prints one log line where it happens and, once the file has been read, one of the writer's at the end;
+// success prints one [INFO] line.
 //
 //   STATUS_FILE_ERROR     the path is longer than 4096 bytes or leads nowhere; open, stat, read or close failed; an
 //                         empty file (scale and offset only); a file that is too large

@@ -14,30 +14,31 @@
 
 namespace kest_tf {
 
+File::File(int directory, const char* name, int flags, mode_t mode) {
+    do {
+        fd_ = openat(directory, name, flags | O_CLOEXEC | O_NOCTTY, mode);
+    } while (fd_ < 0 && errno == EINTR);
+}
+
+File::~File() {
+    if (fd_ >= 0) close(fd_);
+}
+
+bool File::Close() {
+    return close(std::exchange(fd_, -1)) == 0 || errno == EINTR;
+}
+
+bool WriteAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = write(fd, bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        bytes.remove_prefix(static_cast<size_t>(count));
+    }
+    return true;
+}
+
 namespace {
-
-/// An open file; closed when it goes.
-class File {
-public:
-    File(int directory, const char* name, int flags, mode_t mode = 0) {
-        do {
-            fd_ = openat(directory, name, flags | O_CLOEXEC | O_NOCTTY, mode);
-        } while (fd_ < 0 && errno == EINTR);
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    ~File() {
-        if (fd_ >= 0) close(fd_);
-    }
-
-    bool IsOpen() const { return fd_ >= 0; }
-    int Get() const { return fd_; }
-    /// False if the system tells of a lost write. The file is closed even then, and when a signal interrupts.
-    bool Close() { return close(std::exchange(fd_, -1)) == 0 || errno == EINTR; }
-
-private:
-    int fd_;
-};
 
 bool ReadAll(int fd, std::string& text) {
     constexpr size_t kFirstRead = 4096;
@@ -57,16 +58,6 @@ bool ReadAll(int fd, std::string& text) {
         if (length == text.size()) text.resize(2 * length);
     }
     text.resize(length);
-    return true;
-}
-
-bool WriteAll(int fd, const std::string& text) {
-    for (size_t written = 0; written < text.size();) {
-        const ssize_t count = write(fd, text.data() + written, text.size() - written);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return false;
-        written += static_cast<size_t>(count);
-    }
     return true;
 }
 

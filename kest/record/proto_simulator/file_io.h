@@ -1,11 +1,35 @@
 #ifndef KEST_RECORD_PROTO_SIMULATOR_FILE_IO_H_
 #define KEST_RECORD_PROTO_SIMULATOR_FILE_IO_H_
 
+#include <sys/types.h>
+
 #include <string>
+#include <string_view>
 
 // Reading a file whole, and replacing one so that it holds its old bytes or its new ones at any moment.
 
 namespace kest_tf {
+
+/// An open file; closed when it goes.
+class File {
+public:
+    /// As openat; the descriptor does not outlive an exec.
+    File(int directory, const char* name, int flags, mode_t mode = 0);
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    ~File();
+
+    bool IsOpen() const { return fd_ >= 0; }
+    int Get() const { return fd_; }
+    /// False if the system tells of a lost write. The file is closed even then, and when a signal interrupts.
+    bool Close();
+
+private:
+    int fd_;
+};
+
+/// False if not all bytes can be written.
+bool WriteAll(int fd, std::string_view bytes);
 
 /// Reads the file at `path` into `text`. RECORD_PATH_ERROR if the path cannot be resolved, RECORD_OPEN_ERROR if what
 /// it leads to cannot be opened or read.
