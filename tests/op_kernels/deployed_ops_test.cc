@@ -89,7 +89,8 @@ TEST(DeployedOps, Dequantise) {
     ExpectSameBits({0, -0x1p127f, 0x1p127f}, tensor(1, 1, 127, {1, -1, FLT_MAX}));  // FLT_MAX / 2^127 is 1.99
     for (const unsigned int shift : {128u, 150u, 255u})  // x / infinity * infinity, and 0 * infinity for -1
         ExpectSameBits({kNan, kNan, kNan, kNan}, tensor(1, 1, shift, {1, -1, kInf, 0}));
-    ExpectSameBits({2, 4}, Dequantise(1, {Word(2, 0), Word(9, 1)}, {2, 1, false}, {1, 2}));  // one word for all
+    ExpectSameBits({2, 4}, Dequantise(1, {Word(2, 0)}, {2, 1, false}, {1, 2}));  // there is one word for all
+    ExpectSameBits({}, Dequantise(1, {}, {2, 1}, {}));
     ExpectSameBits({0, -0.0f, kNan}, Dequantise(1, {}, {0, 1, false, false}, {1, -2, kInf}));
     ExpectSameBits({0, 0}, Dequantise(1, {}, {-1, 3}, {1, 2}));
 }
@@ -111,8 +112,9 @@ TEST(DeployedOps, ChannelRule) {
 }
 
 TEST(DeployedOps, EveryLayoutLengthAndNumberOfThreads) {
-    const Layout layouts[] = {{1, 1, false}, {17, 1, true, false}, {1025, 1, true, false}, {5, 3}, {7, 15}, {33, 16},
-                              {64, 1025},    {2, 140009}};
+    const Layout layouts[] = {
+        {1, 1, false}, {17, 1, true, false}, {1025, 1, true, false}, {5, 3}, {7, 15}, {33, 16}, {5000, 9},
+        {64, 1025},    {2, 140009}};
     const int maxThreads = omp_get_max_threads();
     for (const int n : {0, 1, 15, 17, 33, 1000, 131072, 300007}) {
         const Floats x = MixedValues<float>(static_cast<std::size_t>(n), 1, 3e4f);

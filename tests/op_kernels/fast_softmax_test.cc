@@ -70,6 +70,18 @@ TEST(FastSoftmax, Steps) {
     ExpectSameBits({0.25f, 0.25f, 0.8f, 0.2f, 0, 0.5f, 5, 6}, x);
 }
 
+TEST(FastSoftmax, FirstZeroAndNoNanIsTheMaximum) {
+    for (const int first : {1, 15, 16, 33, 39}) {
+        std::vector<float> x(40, -1), rowMax{-FLT_MAX};
+        x[0] = x[17] = x[38] = kNan;
+        x[39] = 0;
+        x[first] = -0.0f;
+        SoftmaxParam param = Param(40, 40);
+        KestTfOp::FindMaxAlongAxis<float>(x.data(), rowMax, param);
+        ExpectSameBits({-0.0f}, rowMax);
+    }
+}
+
 template <typename T>
 T Plain(T x, double a, double b) {
     const double d = x, h = d * d, l = std::fma(d, d, -h), p = h * d;
@@ -79,20 +91,33 @@ T Plain(T x, double a, double b) {
 template <typename T>
 void Sweep(int rowLength, int numRows) {
     std::vector<T> x = MixedValues<T>(static_cast<std::size_t>(rowLength * numRows), rowLength + numRows, 2), expected;
+    std::vector<T> maxima, sums, powers, steps(x.size());
     SoftmaxParam param = Param(x.size(), rowLength, -2.75f, 0.15f, 0.45f);
     for (auto row = x.begin(); row != x.end(); row += rowLength) {
         const T max = *std::max_element(row, row + rowLength);
-        T sum = 0;
+        T sum = 0, more = 1;
         for (int i = 0; i < rowLength; ++i) {
             expected.push_back(row[i] - max <= T{-2.75f} ? 0 : Plain(row[i] - max, double{0.45f}, double{0.15f}));
             sum += expected.back();
+            more += expected.back();
         }
+        maxima.push_back(max);
+        sums.push_back(more);
+        powers.insert(powers.end(), expected.end() - rowLength, expected.end());
         for (auto p = expected.end() - rowLength; p != expected.end(); ++p) *p /= sum;
     }
     for (const int threads : {1, 2, 3}) {
         SCOPED_TRACE(testing::Message() << numRows << " rows of " << rowLength << ", threads " << threads);
         omp_set_num_threads(threads);
         ExpectSameBits(expected, Softmax(x, param));
+        std::vector<T> rowMax(maxima.size(), -FLT_MAX);
+        KestTfOp::FindMaxAlongAxis(x.data(), rowMax, param);
+        ExpectSameBits(maxima, rowMax);
+        KestTfOp::ApproximateExp(x.data(), rowMax, steps.data(), param);
+        ExpectSameBits(powers, steps);
+        std::fill(rowMax.begin(), rowMax.end(), T{1});
+        KestTfOp::ApproximateSoftmax(steps.data(), rowMax, param);
+        ExpectSameBits(sums, rowMax);
     }
     KestTfOp::FastSoftmaxFunctor<util::ThreadPoolDevice, T>{}(x.data(), x.data(), param);
     ExpectSameBits(expected, x);

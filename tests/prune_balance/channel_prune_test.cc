@@ -150,6 +150,8 @@ void Sweeps() {
         for (const int innerJump : {1, 2, 3, 5, 7, 8, 9, 16, 17, 49})
             for (const int rest : {0, 1, innerJump + 1})
                 Sweep<T>(numChannels, innerJump, 3 * numChannels * innerJump + rest);
+    Sweep<T>(9000, 1, 9000 * 9 + 77);
+    Sweep<T>(9001, 3, 9001 * 3 * 3 + 77);
     for (const int innerJump : {1, 4, 9, 3000}) Sweep<T>(65, innerJump, 65 * 4500 + 100);
 }
 

@@ -78,7 +78,8 @@ TEST(SelectiveMask, WorkedRows) {
 template <typename T>
 void Sweep(unsigned int outer, unsigned int numChannels, unsigned int inner, unsigned int m, unsigned int n) {
     std::vector<T> data = MixedValues<T>(std::size_t{outer} * numChannels * inner, inner + m), select(numChannels);
-    for (std::size_t i = 5; i < data.size(); i += 41) data[i] = i % 2 ? kNan : -kInf;
+    for (std::size_t i = 5; i < data.size(); i += 41)
+        data[i] = i % 3 == 0 ? -kInf : i % 3 == 1 ? kNan : std::nanf("77");
     std::vector<T> size = data;
     for (T& x : size) x = std::isnan(x) ? kInf : std::min(std::fabs(x), T{FLT_MAX});  // NaN is above infinity
     Indices channels;
@@ -112,6 +113,8 @@ void Sweeps() {
             for (const unsigned int n : {m / 4, m / 2, m - 1}) Sweep<T>(3, 45, inner, m, n);
     Sweep<T>(1, 70000, 1, 4, 2);
     Sweep<T>(2, 40, 2003, 16, 4);
+    Sweep<T>(1, 9, 16388, 4, 2);
+    Sweep<T>(1, 70, 2051, 64, 9);
     Sweep<T>(4001, 17, 1, 4, 2);
 }
 

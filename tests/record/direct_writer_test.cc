@@ -29,6 +29,9 @@ extern "C" off_t lseek(int fd, off_t offset, int from) noexcept {
 extern "C" int fstat(int fd, struct stat* status) noexcept {
     return fault.Is("fstat") ? -1 : fstatat(fd, "", status, AT_EMPTY_PATH);
 }
+extern "C" int ftruncate(int fd, off_t size) noexcept {
+    return fault.Is("ftruncate") ? -1 : static_cast<int>(syscall(SYS_ftruncate, fd, size));
+}
 extern "C" int close(int fd) {
     return syscall(SYS_close, fd) != 0 || fault.Is("close") ? -1 : 0;
 }
@@ -77,6 +80,8 @@ std::string Apply(const Edit& edit, std::string bytes, const Conditions& at, int
     chmod(file.c_str(), 0640);
     std::filesystem::create_symlink("file", link);
     if (at.flags == kByPath) std::filesystem::resize_file(file, bytes.size() + at.more);
+    const auto numOpen = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto numBefore = numOpen();
     const int fd = open(path.c_str(), at.flags == kByPath ? O_PATH : at.flags);
     std::string printed = LogOf([&] {
         const rlimit limit = {at.maxSize, RLIM_INFINITY}, none = {RLIM_INFINITY, RLIM_INFINITY};
@@ -91,6 +96,7 @@ std::string Apply(const Edit& edit, std::string bytes, const Conditions& at, int
     KestTfOp::ConvertLayerName(printed, link, "LINK");
     EXPECT_EQ(log, printed);
     close(fd);
+    EXPECT_EQ(numBefore, numOpen());
     if (at.more > 0) std::filesystem::resize_file(file, bytes.size());
     const auto mode = std::filesystem::status(file).permissions();
     EXPECT_TRUE(std::filesystem::is_symlink(link) && mode == std::filesystem::perms{0640} && directory.NumFiles() == 2);
@@ -156,8 +162,10 @@ TEST(DirectWriter, NewBalanceFactorsReplaceAllOldOnes) {
         EXPECT_EQ(STATUS_OK, Parse(edited, root));
         EXPECT_EQ(Flat(other + kHead + rest + factors + after), Flat(root.Dump()));  // the other fields come first
     }
+    ExpectEdit(Repeat<int>({1, 2}), kHead + one + "    scale_d: 3 tensor_balance_factor: 4\n" + kRest,
+               kHead + one + kFactor + "2\n    scale_d: 3 \n" + kRest);
     // They stay where they do not open the block, and where they open only another one of the layer.
-    for (const std::string& old : {scale + one, scale + "  }\n}\n" + kHead + one})
+    for (const std::string& old : {"  tensor_balance_factor: 1\n" + one, scale + one, scale + "  }\n}\n" + kHead + one})
         ExpectEdit(Repeat<int>({7}), kHead + old + kRest, kHead + kFactor + "7\n" + old + kRest);
 }
 
@@ -197,9 +205,15 @@ TEST(DirectWriter, EachStepMayFail) {
             {{O_RDWR, {}, "/dev/full"}, STATUS_RUNTIME_ERROR, kNoWrite},
             {{O_RDWR, {"lseek"}}, STATUS_RUNTIME_ERROR, isScale ? kNoRead : seek + "read file offset."},
             {{O_RDWR, {"lseek", 2}}, STATUS_RUNTIME_ERROR, isScale ? kNoWrite : seek + "write file offset."},
-            {{O_RDWR, {"write", 1, EINTR}}, STATUS_OK, ""}};
+            {{O_RDWR, {"read", 1, EINTR}}, STATUS_OK, ""},
+            {{O_RDWR, {"write", 1, EINTR}}, STATUS_OK, ""},
+            {{kByPath, {"close", 0, EINTR}}, STATUS_OK, "[INFO]P: Write F to \"conv1\" success.\n"}};
         for (const auto& [conditions, status, log] : rows)
             EXPECT_EQ(status == STATUS_OK ? edited : kOld, Apply(edit, kOld, conditions, status, log));
+        if (edited.size() < kOld.size()) {
+            EXPECT_EQ(kOld, Apply(edit, kOld, {O_RDWR, {"ftruncate"}}, STATUS_RUNTIME_ERROR, kNoWrite));
+            EXPECT_EQ(edited, Apply(edit, kOld, {O_RDWR, {"ftruncate", 0, EINTR}}, STATUS_OK, ""));
+        }
         Apply(edit, "x", {kByPath, {"close"}}, STATUS_FILE_ERROR, kNone + "[ERROR]P: Failed to close file.\n");
     }
 }
