@@ -46,20 +46,24 @@ int HandOut(const MaskGenParam<T>& param) {
     return STATUS_OK;
 }
 
-/// The entry of each element of the period that both axes share: for axes that change often and are not adjacent. Empty
-/// if the period is long, or if the tensor has too few of them to pay for it.
+/// The entry of each element of the period that both axes share, with some room behind it. Empty if the period is long,
+/// or if the tensor has too few of them to pay for it.
 template <typename T>
-std::vector<T> SpreadOverPeriod(const T* mask, util::Axis slow, util::Axis fast, std::size_t length) {
+std::vector<T> SpreadOverPeriod(const T* mask, util::Axis slow, util::Axis fast, std::size_t length,
+                                std::size_t& period) {
     constexpr std::size_t kMaxPeriod = 65536;
-    constexpr std::size_t kMinPeriods = 8;
-    const std::size_t slowPeriod = slow.count * slow.stride;
+    constexpr std::size_t kMinPeriods = 16;
     const std::size_t fastPeriod = fast.count * fast.stride;
+    const std::size_t slowPeriod = slow.count == 1 ? fastPeriod : slow.count * slow.stride;
     if (std::max(slowPeriod, fastPeriod) > kMaxPeriod) return {};
-    const std::size_t period = std::lcm(slowPeriod, fastPeriod);
+    period = std::lcm(slowPeriod, fastPeriod);
     if (period > std::min(kMaxPeriod, length / kMinPeriods)) return {};
-    std::vector<T> entries(period);
-    for (std::size_t i = 0; i < period; ++i)
-        entries[i] = mask[i / slow.stride % slow.count * fast.count + i / fast.stride % fast.count];
+    std::vector<T> entries(period + util::kLongRun);
+    for (std::size_t i = 0, n; i < period; i += n) {
+        n = std::min(slow.stride, period - i);
+        const std::size_t row = i / slow.stride % slow.count;
+        util::LayOut(fast, mask + row * fast.count, i % fastPeriod, n, entries.data() + i);
+    }
     return entries;
 }
 
@@ -77,17 +81,18 @@ int Apply(const MaskParam& param, const T* mask, const T* data, T* out) {
         mask = transposed.data();
         std::swap(slow, fast);
     }
-    std::vector<T> spread;
-    if (slow.stride == fast.count * fast.stride) {  // adjacent axes are one
+    if (slow.count == 1 || slow.stride == fast.count * fast.stride) {  // adjacent axes are one
         fast.count *= slow.count;
         slow = {1, length};
-    } else if (slow.stride < util::kLongRun) {
-        spread = SpreadOverPeriod(mask, slow, fast, length);
-        if (!spread.empty()) {
-            mask = spread.data();
-            fast = {spread.size(), 1};
-            slow = {1, length};
-        }
+    }
+    std::size_t period = 0;
+    std::vector<T> spread;
+    if (slow.stride < util::kLongRun || (fast.stride > 1 && fast.stride < util::kLongRun))
+        spread = SpreadOverPeriod(mask, slow, fast, length, period);
+    if (!spread.empty()) {
+        mask = spread.data();
+        fast = {period, 1};
+        slow = {1, length};
     }
     util::ParallelFor(param.length, param.length >= kWorthwhile, [&](util::Block block) {
         const auto end = static_cast<std::size_t>(block.end);
