@@ -24,15 +24,14 @@ install_packages() {
   apt-get install -yq --no-install-recommends "${missing[@]}" || fail "the packages cannot be installed"
 }
 
-# make_venv: a virtual environment in .venv with what the tests need of Python.
+# make_venv <directory> <requirements file>: a virtual environment with what the file wants.
 make_venv() {
-  local wanted=$root/tests/requirements.txt
-  cmp -s "$wanted" .venv/requirements.txt && return
-  say "making .venv"
-  rm -rf .venv
-  /usr/bin/python3 -m venv .venv || fail "python3 cannot make a virtual environment"
-  .venv/bin/pip install -q --disable-pip-version-check -r "$wanted" || fail "pip cannot install $wanted"
-  cp "$wanted" .venv/requirements.txt
+  cmp -s "$2" "$1/requirements.txt" && return
+  say "making $1"
+  rm -rf "$1"
+  /usr/bin/python3 -m venv "$1" || fail "python3 cannot make a virtual environment"
+  "$1/bin/pip" install -q --disable-pip-version-check -r "$2" || fail "pip cannot install $2"
+  cp "$2" "$1/requirements.txt"
 }
 
 # build <preset> [cmake option]...
