@@ -1,15 +1,12 @@
 """ARQ: weights to one scale and offset a channel by their extremes."""
 
 from dataclasses import dataclass
-from typing import TypeVar
 
 import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._arrays import checked
-
-Float = TypeVar("Float", np.float32, np.float64)
+from kest._channels import Float, number_of_channels, one_a_channel, to_first, to_last
 
 
 @dataclass(frozen=True)
@@ -20,26 +17,8 @@ class Factors:
     offset: npt.NDArray[np.int32]
 
 
-def _numbers_of_channels(weights: npt.NDArray[Float], channel_axis: int | None) -> tuple[int, bool]:
-    """How many scales the weights have, and whether their channel is the last axis."""
-    checked("weights", weights, np.float32, np.float64)
-    if weights.size > 2**31 - 1:
-        raise ValueError("weights has to have fewer than 2^31 elements")
-    if channel_axis is None:
-        return 1, False
-    if weights.ndim == 0 or channel_axis not in (0, -1, weights.ndim - 1):
-        raise ValueError("channel_axis has to be the first or the last axis, or None for one scale")
-    return weights.shape[channel_axis], channel_axis != 0
-
-
 def _new_factors(num_channels: int) -> Factors:
     return Factors(np.zeros(num_channels, np.float32), np.zeros(num_channels, np.int32))
-
-
-def _checked_factors(factors: Factors, num_channels: int) -> None:
-    for name, array, dtype in (("scale", factors.scale, np.float32), ("offset", factors.offset, np.int32)):
-        if checked(name, array, dtype).shape != (num_channels,):
-            raise ValueError(f"{name} has to have the shape ({num_channels},), not {array.shape}")
 
 
 def calibrate(
@@ -57,7 +36,7 @@ def calibrate(
         BadParamError: no weights, NaN among them, a bit width out of range.
         ScaleError: a channel with an infinite weight, or a range above 2^23 times the grid.
     """
-    num_channels, channel_last = _numbers_of_channels(weights, channel_axis)
+    num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
     factors = _new_factors(num_channels)
     _core.arq_calibrate(weights, num_bits, with_offset, channel_last, factors.scale, factors.offset)
     return factors
@@ -73,7 +52,7 @@ def fake_quantise(
     Returns:
         The weights on their grid, a new array, and the factors.
     """
-    _, channel_last = _numbers_of_channels(weights, channel_axis)
+    _, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
     factors = calibrate(weights, num_bits, channel_axis=channel_axis, with_offset=with_offset)
     values = weights.copy()
     if channel_last:
@@ -93,9 +72,10 @@ def codes(
         ScaleError: an infinite scale or one above 2^23.
         ValueError: factors that do not fit the channels.
     """
-    num_channels, channel_last = _numbers_of_channels(weights, channel_axis)
-    _checked_factors(factors, num_channels)
-    first = np.ascontiguousarray(np.moveaxis(weights, -1, 0)) if channel_last else weights
+    num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
+    one_a_channel("scale", factors.scale, np.float32, num_channels)
+    one_a_channel("offset", factors.offset, np.int32, num_channels)
+    first = to_first(weights, channel_last)
     found = np.empty(first.shape, np.int8)
     _core.arq_codes(first, num_bits, factors.scale, factors.offset, found)
-    return np.ascontiguousarray(np.moveaxis(found, 0, -1)) if channel_last else found
+    return to_last(found, channel_last)
