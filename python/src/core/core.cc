@@ -52,4 +52,5 @@ NB_MODULE(_core, module) {
     nanobind::register_exception_translator(core::Translate);
     core::BindArq(module);
     core::BindNuq(module);
+    core::BindShift(module);
 }

@@ -1,0 +1,96 @@
+#include <kest/weight_quant/search_n.h>
+#include <kest/weight_quant/search_n_v2.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstddef>
+#include <vector>
+
+#include "core.h"
+
+namespace core {
+namespace {
+
+using namespace nb::literals;
+
+/// The channel in the middle of a tensor of three axes, the shape (outer, channels, inner), as kest has it.
+struct Layout {
+    std::vector<int> shape;
+    static constexpr const char* kFormat = "NCHW";
+
+    Layout(std::size_t length, std::size_t numChannels, int inner)
+        : shape{static_cast<int>(length / numChannels / static_cast<std::size_t>(inner)), static_cast<int>(numChannels),
+                inner, 1} {}
+};
+
+void Search(const Input<float>& values, int inner, bool perTensor, const Output<float>& scale,
+            const Output<int>& shiftBits, const Output<float>& shiftBitsFloat) {
+    Run("shift.search", [&] {
+        Layout layout(values.size(), scale.size(), inner);
+        KestTfOp::Param param{layout.shape, true, Layout::kFormat};
+        KestTfOp::SearchnInputParam<float> input{std::vector<std::vector<float>>(scale.size()),
+                                                 static_cast<int>(values.size()),
+                                                 const_cast<float*>(values.data())};  // only read
+        KestTfOp::SearchnQuantParam<float> quant{perTensor,    shiftBits.data(),     nullptr, nullptr, nullptr,
+                                                 scale.data(), shiftBitsFloat.data()};
+        int batchCounter = 0;
+        int batchNum = 1;
+        return KestTfOp::SearchNFunctor<util::ThreadPoolDevice, float>()(param, batchCounter, batchNum, input, quant);
+    });
+}
+
+void SearchIntegers(const Input<int>& values, const Output<int>& shiftBits) {
+    Run("shift.search_integers", [&] {
+        const std::size_t length = values.size() / shiftBits.size();
+        std::vector<std::vector<int>> rows;
+        for (const int* row = values.data(); rows.size() < shiftBits.size(); row += length)
+            rows.emplace_back(row, row + length);
+        std::vector<int> found;
+        const int status = KestCommon::SearchShiftBits(rows, found);
+        std::copy(found.begin(), found.end(), shiftBits.data());
+        return status;
+    });
+}
+
+/// The errors of each channel so far. Used by one call at a time.
+class ShiftErrors {
+public:
+    void Add(const Input<float>& values, int inner, bool perTensor, const Output<float>& scale) {
+        Run("shift.Searcher.feed", [&] {
+            Layout layout(values.size(), scale.size(), inner);
+            KestTfOp::DataParam param{layout.shape, true, Layout::kFormat, nullptr};
+            KestTfOp::SearchnV2QuantParam<float> quant{perTensor, nullptr, scale.data(),
+                                                       static_cast<int>(scale.size())};
+            sums_.length = static_cast<int>(values.size());
+            sums_.data = const_cast<float*>(values.data());  // only read
+            int batchCounter = sums_.errorTable.empty() ? 0 : 1;
+            int batchNum = INT_MAX;  // never the last one
+            return KestTfOp::SearchNV2Functor<util::ThreadPoolDevice, float>()(param, batchCounter, batchNum, sums_,
+                                                                               quant);
+        });
+    }
+
+    void Find(bool perTensor, const Output<int>& shiftBits) {
+        Run("shift.Searcher.shift_bits", [&] {
+            util::IntData view = View(shiftBits);
+            return KestCommon::SearchNV2FindBestNCpu(sums_.errorTable, view, perTensor);
+        });
+    }
+
+private:
+    KestCommon::SearchnV2InputParam<float> sums_{};
+};
+
+}  // namespace
+
+void BindShift(nb::module_& module) {
+    module.def("shift_search", Search, "values"_a.noconvert(), "inner"_a, "per_tensor"_a, "scale"_a.noconvert(),
+               "shift_bits"_a.noconvert(), "shift_bits_float"_a.noconvert());
+    module.def("shift_search_integers", SearchIntegers, "values"_a.noconvert(), "shift_bits"_a.noconvert());
+    nb::class_<ShiftErrors>(module, "ShiftErrors")
+        .def(nb::init<>())
+        .def("add", &ShiftErrors::Add, "values"_a.noconvert(), "inner"_a, "per_tensor"_a, "scale"_a.noconvert())
+        .def("find", &ShiftErrors::Find, "per_tensor"_a, "shift_bits"_a.noconvert());
+}
+
+}  // namespace core
