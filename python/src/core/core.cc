@@ -53,4 +53,5 @@ NB_MODULE(_core, module) {
     core::BindArq(module);
     core::BindNuq(module);
     core::BindShift(module);
+    core::BindUlq(module);
 }

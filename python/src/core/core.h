@@ -68,6 +68,7 @@ unsigned int Length(const T& array) {
 void BindArq(nb::module_& module);
 void BindNuq(nb::module_& module);
 void BindShift(nb::module_& module);
+void BindUlq(nb::module_& module);
 
 }  // namespace core
 

@@ -1,6 +1,6 @@
 """Exact, fast CPU kernels that quantise TensorFlow models: numpy in, numpy out."""
 
-from kest import arq, nuq, shift
+from kest import arq, nuq, shift, ulq
 from kest._errors import BadParamError, KestError, RecordFileError, ScaleError
 
-__all__ = ["BadParamError", "KestError", "RecordFileError", "ScaleError", "arq", "nuq", "shift"]
+__all__ = ["BadParamError", "KestError", "RecordFileError", "ScaleError", "arq", "nuq", "shift", "ulq"]

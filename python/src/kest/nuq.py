@@ -116,5 +116,5 @@ def codes(weights: npt.NDArray[Float], factors: Factors, *, channel_axis: int | 
     one_a_channel("offset", factors.offset, np.int32, num_channels)
     first = to_first(weights, channel_last)
     found = np.empty(first.shape, np.int8)
-    _core.nuq_codes(first.astype(np.float64), factors.scale, factors.offset, found)
+    _core.nuq_codes(first.astype(np.float64, copy=False), factors.scale, factors.offset, found)
     return to_last(found, channel_last)
