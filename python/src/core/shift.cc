@@ -63,7 +63,7 @@ public:
                                                        static_cast<int>(scale.size())};
             sums_.length = static_cast<int>(values.size());
             sums_.data = const_cast<float*>(values.data());  // only read
-            int batchCounter = sums_.errorTable.empty() ? 0 : 1;
+            int batchCounter = 0;    // the first one, which sizes a table that is empty and keeps another
             int batchNum = INT_MAX;  // never the last one
             return KestTfOp::SearchNV2Functor<util::ThreadPoolDevice, float>()(param, batchCounter, batchNum, sums_,
                                                                                quant);

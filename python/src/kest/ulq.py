@@ -65,8 +65,8 @@ def fake_quantise(
 ) -> tuple[npt.NDArray[np.float32], Grid]:
     """Replaces every activation by the nearest multiple of the scale between the bounds.
 
-    The scale is (clip_max - clip_min) / (2^num_bits - 1) + 1e-6, and the bounds are rounded to multiples of it: clip_min
-    to the nearest one, clip_max to the one 2^num_bits - 1 steps above.
+    The scale is (clip_max - clip_min) / (2^num_bits - 1) + 1e-6, and the bounds are rounded to multiples of it:
+    clip_min to the nearest one, clip_max to the one 2^num_bits - 1 steps above.
 
     Args:
         activations: float32, any shape; NaN stays.
