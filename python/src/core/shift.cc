@@ -70,10 +70,11 @@ public:
         });
     }
 
-    void Find(bool perTensor, const Output<int>& shiftBits) {
+    /// Those of as many rows as there are entries; the errors of all channels together are row 0.
+    void Find(const Output<int>& shiftBits) {
         Run("shift.Searcher.shift_bits", [&] {
             util::IntData view = View(shiftBits);
-            return KestCommon::SearchNV2FindBestNCpu(sums_.errorTable, view, perTensor);
+            return KestCommon::SearchNV2FindBestNCpu(sums_.errorTable, view, false);
         });
     }
 
@@ -90,7 +91,7 @@ void BindShift(nb::module_& module) {
     nb::class_<ShiftErrors>(module, "ShiftErrors")
         .def(nb::init<>())
         .def("add", &ShiftErrors::Add, "values"_a.noconvert(), "inner"_a, "per_tensor"_a, "scale"_a.noconvert())
-        .def("find", &ShiftErrors::Find, "per_tensor"_a, "shift_bits"_a.noconvert());
+        .def("find", &ShiftErrors::Find, "shift_bits"_a.noconvert());
 }
 
 }  // namespace core

@@ -138,5 +138,5 @@ class Searcher:
         """The shifts for all batches so far, int32: one a channel, or one for all; 1 before the first batch."""
         shift_bits = np.empty(1 if self._per_tensor else self._scale.size, np.int32)
         with self._lock:
-            self._errors.find(self._per_tensor, shift_bits)
+            self._errors.find(shift_bits)
         return shift_bits
