@@ -1,6 +1,16 @@
 """Exact, fast CPU kernels that quantise TensorFlow models: numpy in, numpy out."""
 
-from kest import arq
+from kest import arq, hfmg, ifmr
+from kest._activation import ActivationFactors
 from kest._errors import BadParamError, KestError, RecordFileError, ScaleError
 
-__all__ = ["BadParamError", "KestError", "RecordFileError", "ScaleError", "arq"]
+__all__ = [
+    "ActivationFactors",
+    "BadParamError",
+    "KestError",
+    "RecordFileError",
+    "ScaleError",
+    "arq",
+    "hfmg",
+    "ifmr",
+]
