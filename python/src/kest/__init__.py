@@ -1,6 +1,6 @@
 """Exact, fast CPU kernels that quantise TensorFlow models: numpy in, numpy out."""
 
-from kest import arq, hfmg, ifmr
+from kest import arq, hfmg, ifmr, report
 from kest._activation import ActivationFactors
 from kest._errors import BadParamError, KestError, RecordFileError, ScaleError
 
@@ -13,4 +13,5 @@ __all__ = [
     "arq",
     "hfmg",
     "ifmr",
+    "report",
 ]
