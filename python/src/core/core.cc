@@ -51,6 +51,8 @@ NB_MODULE(_core, module) {
     core::sinkBefore = util::SetLogSink(core::TakeLine);
     nanobind::register_exception_translator(core::Translate);
     core::BindArq(module);
+    core::BindHfmg(module);
+    core::BindIfmr(module);
     core::BindNuq(module);
     core::BindShift(module);
     core::BindUlq(module);

@@ -66,6 +66,8 @@ unsigned int Length(const T& array) {
 }
 
 void BindArq(nb::module_& module);
+void BindHfmg(nb::module_& module);
+void BindIfmr(nb::module_& module);
 void BindNuq(nb::module_& module);
 void BindShift(nb::module_& module);
 void BindUlq(nb::module_& module);

@@ -1,0 +1,123 @@
+"""HFMG: activations to one scale and offset from a histogram, so that batches need not be kept; activation ARQ."""
+
+from dataclasses import dataclass
+from typing import Any, TypeVar
+
+import numpy as np
+import numpy.typing as npt
+
+from kest import _core
+from kest._activation import ActivationFactors, FactorArrays, checked_values, float_dtype
+
+__all__ = ["ActivationFactors", "Calibrator", "Histogram", "activation_arq"]
+
+Float = TypeVar("Float", np.float32, np.float64)
+
+
+@dataclass(frozen=True)
+class Histogram:
+    """n bins: counts[i] values in [edges[i], edges[i + 1]).
+
+    Attributes:
+        counts: uint32, (n,).
+        edges: (n + 1,), of the calibrator's dtype.
+    """
+
+    counts: npt.NDArray[np.uint32]
+    edges: npt.NDArray[Any]
+
+
+def _check_num_bits(num_bits: int) -> None:
+    if not 2 <= num_bits <= 31:
+        raise ValueError("num_bits has to be 2 to 31")
+
+
+class Calibrator:
+    """Counts every batch into a histogram that widens as it has to.
+
+    The sparse tails are trimmed bin by bin into a row of clip ranges, of which the one with the smallest squared error
+    wins. An infinite value makes the histogram useless; NaN counts in the first bin. A bin holds up to 2^32 - 1 values.
+    Threads may share a calibrator; the counts of bins that widen depend on the order of the batches.
+    """
+
+    def __init__(
+        self,
+        num_bits: int = 8,
+        *,
+        with_offset: bool = True,
+        num_bins: int = 4096,
+        dtype: npt.DTypeLike = np.float32,
+    ) -> None:
+        """Starts without a histogram.
+
+        Args:
+            num_bits: the width of the grid, 2 to 31.
+            with_offset: an asymmetric grid; without it the offset is 0.
+            num_bins: 1 to 2^31 - 1.
+            dtype: that of the batches, float32 or float64.
+        """
+        _check_num_bits(num_bits)
+        if not 1 <= num_bins < 2**31:
+            raise ValueError("num_bins has to be 1 to 2^31 - 1")
+        self._num_bits = num_bits
+        self._with_offset = with_offset
+        self._num_bins = num_bins
+        self._dtype = float_dtype(dtype)
+        single = self._dtype == np.float32
+        self._bins: Any = (_core.HfmgBinsFloat if single else _core.HfmgBinsDouble)(num_bins)
+
+    def add(self, batch: npt.NDArray[Float]) -> None:
+        """Counts a batch: any shape.
+
+        Raises:
+            BadParamError: no values.
+        """
+        self._bins.add(checked_values("batch", batch, self._dtype))
+
+    def histogram(self) -> Histogram:
+        """A copy of the histogram so far.
+
+        Raises:
+            BadParamError: no batch yet.
+        """
+        found = Histogram(np.empty(self._num_bins, np.uint32), np.empty(self._num_bins + 1, self._dtype))
+        self._bins.read(found.counts, found.edges)
+        return found
+
+    def factors(self) -> ActivationFactors:
+        """The scale and offset of the batches so far.
+
+        Raises:
+            BadParamError: no batch yet.
+        """
+        found = FactorArrays()
+        self._bins.factors(self._num_bits, self._with_offset, found.scale, found.offset)
+        return found.factors()
+
+
+def activation_arq(
+    minimum: float,
+    maximum: float,
+    num_bits: int = 8,
+    *,
+    with_offset: bool = True,
+    dtype: npt.DTypeLike = np.float32,
+) -> ActivationFactors:
+    """The scale and offset of a range, widened to contain zero.
+
+    Args:
+        minimum, maximum: the extremes of the values, in this order.
+        num_bits: the width of the grid, 2 to 31.
+        with_offset: an asymmetric grid; without it the offset is 0, and the larger magnitude counts as positive.
+        dtype: float32 or float64: that of the values, in which the range is computed.
+
+    Raises:
+        ScaleError: a scale that is infinite or above 2^23.
+    """
+    _check_num_bits(num_bits)
+    if not minimum <= maximum:
+        raise ValueError("minimum has to be at most maximum")
+    found = FactorArrays()
+    bounds = np.array([minimum, maximum], float_dtype(dtype))
+    _core.hfmg_activation_arq(bounds, num_bits, with_offset, found.scale, found.offset)
+    return found.factors()

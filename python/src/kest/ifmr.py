@@ -1,0 +1,117 @@
+"""IFMR: activations to one scale and offset, by the clip range of smallest squared error over all values seen."""
+
+from dataclasses import dataclass
+from typing import Any, TypeVar
+
+import numpy as np
+import numpy.typing as npt
+
+from kest import _core
+from kest._activation import ActivationFactors, FactorArrays, checked_values, float_dtype
+
+__all__ = ["ActivationFactors", "Bounds", "Calibrator", "fake_quantise", "percentile_bounds"]
+
+Float = TypeVar("Float", np.float32, np.float64)
+
+
+@dataclass(frozen=True)
+class Bounds:
+    """A range that contains zero."""
+
+    minimum: float
+    maximum: float
+
+
+class Calibrator:
+    """Keeps a copy of every batch until it is asked for the factors.
+
+    Two percentiles bound the values. Of the clip ranges that a grid of ratios makes of the bound, the one whose
+    fake-quantised values have the smallest mean squared error wins, the first of equal ones.
+    """
+
+    def __init__(
+        self,
+        num_bits: int = 8,
+        *,
+        with_offset: bool = True,
+        start_ratio: float = 0.7,
+        end_ratio: float = 1.3,
+        step: float = 0.01,
+        max_percentile: float = 0.999999,
+        min_percentile: float = 0.999999,
+        dtype: npt.DTypeLike = np.float32,
+    ) -> None:
+        """Starts without a value.
+
+        Args:
+            num_bits: the width of the grid, 2 to 31.
+            with_offset: an asymmetric grid; without it the offset is 0.
+            start_ratio, end_ratio, step: the grid of ratios, in single precision; at most 2^24 of them.
+            max_percentile: the share of values at or below the upper bound, in (0, 1].
+            min_percentile: the share of values at or above the lower bound, in (0, 1].
+            dtype: that of the batches, float32 or float64.
+        """
+        self._settings = (num_bits, with_offset, start_ratio, end_ratio, step, max_percentile, min_percentile)
+        self._dtype = float_dtype(dtype)
+        self._batches: list[npt.NDArray[Any]] = [np.empty(0, self._dtype)]
+
+    def add(self, batch: npt.NDArray[Float]) -> None:
+        """Keeps a copy of a batch: any shape.
+
+        Raises:
+            ValueError: 2^32 values or more, this batch and those before it.
+        """
+        checked_values("batch", batch, self._dtype)
+        if batch.size + sum(kept.size for kept in self._batches) >= 2**32:
+            raise ValueError("batch has to leave fewer than 2^32 values in all")
+        self._batches.append(batch.copy().reshape(-1))
+
+    def factors(self) -> ActivationFactors:
+        """The scale and offset of all values so far.
+
+        Raises:
+            BadParamError: no values, NaN among them, a bit width or a grid of ratios out of range.
+            ScaleError: a percentile above 1, a scale that is infinite or above 2^23.
+            KestError: a width of 0 or 1 bits.
+        """
+        found = FactorArrays()
+        _core.ifmr_calibrate(np.concatenate(self._batches), *self._settings, found.scale, found.offset)
+        return found.factors()
+
+
+def fake_quantise(values: npt.NDArray[Float], factors: ActivationFactors, num_bits: int = 8) -> npt.NDArray[Float]:
+    """Replaces every value by scale * (code - offset), a new array.
+
+    Args:
+        values: float32 or float64, any shape; NaN counts as 0.
+        factors: their scale is taken in single precision.
+        num_bits: the width of the grid, up to 31.
+
+    Raises:
+        BadParamError: a bit width out of range.
+        ScaleError: a scale below 2^-52.
+    """
+    found = checked_values("values", values, np.float32, np.float64).copy()
+    given = FactorArrays(factors)
+    _core.ifmr_fake_quantise(found, num_bits, given.scale, given.offset)
+    return found
+
+
+def percentile_bounds(
+    values: npt.NDArray[Float], *, max_percentile: float = 0.999999, min_percentile: float = 0.999999
+) -> Bounds:
+    """Bounds values by two percentiles; a bound on the wrong side of zero is zero.
+
+    Args:
+        values: float32 or float64, any shape.
+        max_percentile: the share of values at or below the upper bound, in (0, 1]; 1: the largest value.
+        min_percentile: the share of values at or above the lower bound, in (0, 1]; 1: the smallest value.
+
+    Raises:
+        BadParamError: no values, NaN among them.
+        ScaleError: a percentile above 1.
+    """
+    checked_values("values", values, np.float32, np.float64)
+    bounds = np.empty(2, values.dtype)
+    _core.ifmr_percentile_bounds(values, max_percentile, min_percentile, bounds)
+    return Bounds(*bounds.tolist())

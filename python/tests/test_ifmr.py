@@ -1,0 +1,108 @@
+"""IFMR against numpy and hand-worked grids."""
+
+import kest
+import numpy as np
+import pytest
+
+
+def plain(values, num_bits, with_offset, percentiles, ratios):
+    """The scale and offset of the ratio with the smallest error, and all errors, written plainly."""
+    top, bottom = (len(values) - int(len(values) * share) if share < 1 else 1 for share in percentiles)
+    highest, lowest = max(np.sort(values)[-top], 0), min(np.sort(values)[bottom - 1], 0)
+    half, errors, found = 2 ** (num_bits - 1), [], []
+    for ratio in ratios:
+        if with_offset:
+            scale = np.float32((ratio * float(highest) - lowest) / (2 * half - 1))
+            offset = -int(np.round(lowest / scale)) - half
+        else:
+            above = highest > -lowest
+            scale, offset = np.float32(ratio * max(highest, -lowest) / (half - 1 if above else half)), 0
+        codes = np.clip(np.round(values / scale) + offset, -half, half - 1)
+        errors.append(np.mean((scale * (codes - offset) - values) ** 2))
+        found.append((scale, offset))
+    return found[int(np.argmin(errors))], np.sort(errors)
+
+
+@pytest.mark.parametrize("dtype", [np.float32, np.float64])
+@pytest.mark.parametrize("num_bits, with_offset, percentiles", [(4, True, (1, 1)), (4, False, (1, 1)),
+                                                                (6, True, (0.99, 0.95)), (6, False, (0.9, 1))])
+def test_the_ratio_of_the_smallest_error_over_all_batches(dtype, num_bits, with_offset, percentiles):
+    batches = [np.random.default_rng(seed).normal(seed / 2, 1, (5, 7, 40)).astype(dtype) for seed in range(3)]
+    calibrator = kest.ifmr.Calibrator(num_bits, with_offset=with_offset, start_ratio=0.5, end_ratio=1.25, step=0.125,
+                                      max_percentile=percentiles[0], min_percentile=percentiles[1], dtype=dtype)
+    for batch in batches:
+        given = batch.copy()
+        calibrator.add(given)
+        given[:] = 1e6  # the calibrator has its own copy
+    values = np.concatenate(batches).reshape(-1)
+    (scale, offset), errors = plain(values, num_bits, with_offset, percentiles, np.arange(0.5, 1.3, 0.125))
+    assert errors[1] > 1.01 * errors[0]  # no matter of rounding
+    found = calibrator.factors()
+    assert found.offset == offset and found == calibrator.factors()
+    np.testing.assert_allclose(found.scale, scale, rtol=1e-7)
+    assert found.scale == np.float32(found.scale)
+
+
+def test_defaults_suit_a_grid_and_later_batches_count():
+    calibrator = kest.ifmr.Calibrator(4)
+    calibrator.add(np.arange(0, 8, dtype=np.float32) * np.float32(0.25))
+    first = calibrator.factors()
+    assert first.offset == -8
+    calibrator.add(np.arange(-8, 0, dtype=np.float32) * np.float32(0.25))
+    found = calibrator.factors()
+    assert found == kest.ActivationFactors(0.25, 0) and found != first
+    assert found.clip_range(4) == (-2, 1.75)
+
+
+@pytest.mark.parametrize("dtype", [np.float32, np.float64])
+def test_fake_quantise(dtype):
+    values = np.array([[-9, -0.13, 0.12], [0.625, 9, np.nan]], dtype)
+    original = values.copy()
+    factors = kest.ActivationFactors(0.25, -2)  # codes -4 to 3: -0.5 to 1.25
+    found = kest.ifmr.fake_quantise(values, factors, 3)
+    np.testing.assert_array_equal(found, [[-0.5, -0.25, 0], [0.75, 1.25, 0]])
+    assert found.dtype == dtype and factors.clip_range(3) == (-0.5, 1.25)
+    np.testing.assert_array_equal(values, original)
+
+
+def test_percentile_bounds():
+    values = np.random.default_rng(3).permutation(np.arange(-300, 700)).astype(np.float64).reshape(10, 100)
+    bounds = kest.ifmr.percentile_bounds(values, max_percentile=0.75, min_percentile=1)
+    assert bounds == kest.ifmr.Bounds(-300, 450)  # the rank 250 from the top
+    assert kest.ifmr.percentile_bounds(values, max_percentile=1, min_percentile=0.5) == kest.ifmr.Bounds(0, 699)
+
+
+def factors_of(*args, values=(1.0, 2.0), **keywords):
+    calibrator = kest.ifmr.Calibrator(*args, **keywords)
+    calibrator.add(np.array(values, np.float32))
+    return calibrator.factors()
+
+
+@pytest.mark.parametrize("call, error, line", [
+    (lambda: factors_of(values=()), kest.BadParamError, "IfmrQuant"),
+    (lambda: factors_of(values=(np.nan,)), kest.BadParamError, "Exist NaN"),
+    (lambda: factors_of(32), kest.BadParamError, "numBits = 32"),
+    (lambda: factors_of(step=0), kest.BadParamError, "step = 0"),
+    (lambda: factors_of(max_percentile=1.5), kest.ScaleError, "maxSize > length"),
+    (lambda: factors_of(1, with_offset=False), kest.KestError, "maxLimit"),
+    (lambda: kest.ifmr.fake_quantise(np.ones(2), kest.ActivationFactors(0, 0)), kest.ScaleError, "scale value"),
+    (lambda: kest.ifmr.percentile_bounds(np.ones(0)), kest.BadParamError, "no data"),
+])
+def test_failures(call, error, line):
+    with pytest.raises(error) as raised:
+        call()
+    assert line in raised.value.log
+
+
+def test_arrays_are_checked():
+    calibrator = kest.ifmr.Calibrator()
+    for bad, error in ((np.ones(3), TypeError), (np.ones((4, 4), np.float32).T[1:], ValueError)):
+        with pytest.raises(error, match="batch has to be"):
+            calibrator.add(bad)
+    many = np.empty(0, np.float32)
+    calibrator._batches = [np.broadcast_to(np.float32(0), 2**32 - 1)]
+    calibrator.add(many)
+    with pytest.raises(ValueError, match="fewer than 2\\^32 values"):
+        calibrator.add(np.ones(1, np.float32))
+    with pytest.raises(TypeError, match="dtype has to be float32 or float64"):
+        kest.ifmr.Calibrator(dtype=np.float16)
