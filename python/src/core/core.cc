@@ -51,4 +51,8 @@ NB_MODULE(_core, module) {
     core::sinkBefore = util::SetLogSink(core::TakeLine);
     nanobind::register_exception_translator(core::Translate);
     core::BindArq(module);
+    core::BindDeployed(module);
+    core::BindMasks(module);
+    core::BindPrune(module);
+    core::BindSoftmax(module);
 }

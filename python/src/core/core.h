@@ -66,6 +66,10 @@ unsigned int Length(const T& array) {
 }
 
 void BindArq(nb::module_& module);
+void BindDeployed(nb::module_& module);
+void BindMasks(nb::module_& module);
+void BindPrune(nb::module_& module);
+void BindSoftmax(nb::module_& module);
 
 }  // namespace core
 
