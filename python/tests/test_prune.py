@@ -6,7 +6,8 @@ import pytest
 
 
 @pytest.mark.parametrize("arguments, aligned, pruned", [
-    ((64, 0.5), False, 32), ((64, 0.6), True, 32), ((64, 0.6), False, 38), ((10, 1), False, 9), ((10, 0.5, 3), False, 7),
+    ((64, 0.5), False, 32), ((64, 0.6), True, 32), ((64, 0.6), False, 38), ((10, 1), False, 9),
+    ((10, 0.5, 3), False, 7),
 ])
 def test_prune_count(arguments, aligned, pruned):
     num_channels, ratio, *groups = arguments

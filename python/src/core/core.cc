@@ -51,7 +51,11 @@ NB_MODULE(_core, module) {
     core::sinkBefore = util::SetLogSink(core::TakeLine);
     nanobind::register_exception_translator(core::Translate);
     core::BindArq(module);
+    core::BindBalance(module);
     core::BindDeployed(module);
+    core::BindDump(module);
+    core::BindFusion(module);
+    core::BindHalf(module);
     core::BindMasks(module);
     core::BindPrune(module);
     core::BindSoftmax(module);

@@ -66,7 +66,11 @@ unsigned int Length(const T& array) {
 }
 
 void BindArq(nb::module_& module);
+void BindBalance(nb::module_& module);
 void BindDeployed(nb::module_& module);
+void BindDump(nb::module_& module);
+void BindFusion(nb::module_& module);
+void BindHalf(nb::module_& module);
 void BindMasks(nb::module_& module);
 void BindPrune(nb::module_& module);
 void BindSoftmax(nb::module_& module);

@@ -98,7 +98,12 @@ def dequantise(
 
 
 def anti_quantise(values: npt.NDArray[np.float32], scale: float) -> npt.NDArray[np.float32]:
-    """value * scale, in single precision: codes without zero point to real values. float32, any shape."""
+    """value * scale, in single precision: codes without zero point to real values.
+
+    Args:
+        values: float32, any shape.
+        scale: the step.
+    """
     checked_tensor("values", values, np.float32)
     found = np.empty_like(values)
     _core.deployed_anti_quantise(values, scale, found)

@@ -101,7 +101,8 @@ def apply(
     Args:
         mask: [row][column], float32 or float64.
         values: a tensor of the dtype of `mask`.
-        row_axis, column_axis: two axes of `values`, in any order.
+        row_axis: the axis of `values` that the mask's rows follow.
+        column_axis: the axis that its columns follow, another one.
 
     Returns:
         The products, in the shape of `values`.

@@ -21,7 +21,8 @@ def rows(
 
     Args:
         values: float32 or float64, with at least one axis.
-        square, cube: those of the exponential's series, if not given.
+        square: the coefficient of d^2; by default that of the exponential's series.
+        cube: the coefficient of d^3, likewise.
         threshold: negative. With the series, p rises everywhere from its root at -1.596 on, and is negative below.
 
     Returns:
