@@ -49,6 +49,12 @@ def test_masks_of_two_axes(dtype):
         assert mask.dtype == found.dtype == dtype
 
 
+def test_counts_of_numpy_do_not_wrap_around():
+    values = np.arange(1, 601, dtype=f32)
+    found = kest.masks.n_of_m(values, np.int8(2), np.int8(4), axis=0)
+    np.testing.assert_array_equal(found, np.tile([0, 0, 1, 1], 150))
+
+
 def test_what_the_kernels_reject():
     with pytest.raises(kest.BadParamError, match="masks.n_of_m failed with status 8:\n.*ERROR.*shape is 0"):
         kest.masks.n_of_m(np.ones((4, 0)), 2, 4, axis=0)

@@ -51,6 +51,8 @@ def test_what_the_kernel_rejects():
     (lambda v: kest.prune.keep_mask([v, v], [0, 1], [1]), "tensors"),
     (lambda v: kest.prune.keep_mask([v], [0], [1, 1], group_sizes=[1, 2]), "group_sizes"),
     (lambda v: kest.prune.keep_mask([v], [0], [1, 1], group_sizes=[-1, 5]), "group_sizes"),
+    (lambda v: kest.prune.keep_mask([v], [0], [1] * 3, group_sizes=np.int32([2**31 - 1, 2**31 - 1, 6])),
+     "group_sizes"),
     (lambda v: kest.prune.keep_mask([v], [0], [5]), "prune_counts"),
     (lambda v: kest.prune.keep_mask([v], [0], [1, 1]), "prune_counts"),
 ])

@@ -1,5 +1,6 @@
 """Masks of weights: 1 where kept, 0 where pruned."""
 
+import operator
 from typing import TypeVar
 
 import numpy as np
@@ -54,6 +55,7 @@ def n_of_m(
         selected = np.ones(num_channels, np.bool_)
     elif checked("selected", selected, np.bool_).shape != (num_channels,):
         raise ValueError(f"selected has to have the shape ({num_channels},), not {selected.shape}")
+    group_size = operator.index(group_size)  # numpy's would wrap around below
     num_groups = -(-np.count_nonzero(selected) // group_size)
     outer = values.size // max(1, num_channels * stride)
     workspace_size = outer * num_groups * group_size * stride

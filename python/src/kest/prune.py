@@ -1,5 +1,6 @@
 """Structured pruning: the output channels of a layer with the weakest filters."""
 
+import operator
 from collections.abc import Sequence
 from typing import TypeVar
 
@@ -71,7 +72,8 @@ def keep_mask(
         if count != num_channels:
             raise ValueError(f"tensors have to have one number of channels, not {num_channels} and {count}")
         strides.append(stride)
-    sizes = [num_channels] if group_sizes is None else list(group_sizes)
+    # numpy's integers would wrap around in the sum.
+    sizes = [num_channels] if group_sizes is None else [operator.index(size) for size in group_sizes]
     if any(size < 0 for size in sizes) or sum(sizes) != num_channels:
         raise ValueError(f"group_sizes has to have the sum {num_channels}")
     if len(prune_counts) != len(sizes) or any(not 0 <= n <= size for n, size in zip(prune_counts, sizes)):
