@@ -51,9 +51,17 @@ NB_MODULE(_core, module) {
     core::sinkBefore = util::SetLogSink(core::TakeLine);
     nanobind::register_exception_translator(core::Translate);
     core::BindArq(module);
+    core::BindBalance(module);
+    core::BindDeployed(module);
+    core::BindDump(module);
+    core::BindFusion(module);
+    core::BindHalf(module);
     core::BindHfmg(module);
     core::BindIfmr(module);
+    core::BindMasks(module);
     core::BindNuq(module);
+    core::BindPrune(module);
     core::BindShift(module);
+    core::BindSoftmax(module);
     core::BindUlq(module);
 }

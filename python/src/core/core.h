@@ -66,10 +66,18 @@ unsigned int Length(const T& array) {
 }
 
 void BindArq(nb::module_& module);
+void BindBalance(nb::module_& module);
+void BindDeployed(nb::module_& module);
+void BindDump(nb::module_& module);
+void BindFusion(nb::module_& module);
+void BindHalf(nb::module_& module);
 void BindHfmg(nb::module_& module);
 void BindIfmr(nb::module_& module);
+void BindMasks(nb::module_& module);
 void BindNuq(nb::module_& module);
+void BindPrune(nb::module_& module);
 void BindShift(nb::module_& module);
+void BindSoftmax(nb::module_& module);
 void BindUlq(nb::module_& module);
 
 }  // namespace core

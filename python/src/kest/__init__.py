@@ -1,6 +1,22 @@
 """Exact, fast CPU kernels that quantise TensorFlow models: numpy in, numpy out."""
 
-from kest import arq, hfmg, ifmr, nuq, report, shift, ulq
+from kest import (
+    arq,
+    balance,
+    deployed,
+    dump,
+    fusion,
+    half,
+    hfmg,
+    ifmr,
+    masks,
+    nuq,
+    prune,
+    report,
+    shift,
+    softmax,
+    ulq,
+)
 from kest._activation import ActivationFactors
 from kest._errors import BadParamError, KestError, RecordFileError, ScaleError
 
@@ -11,10 +27,18 @@ __all__ = [
     "RecordFileError",
     "ScaleError",
     "arq",
+    "balance",
+    "deployed",
+    "dump",
+    "fusion",
+    "half",
     "hfmg",
     "ifmr",
+    "masks",
     "nuq",
+    "prune",
     "report",
     "shift",
+    "softmax",
     "ulq",
 ]
