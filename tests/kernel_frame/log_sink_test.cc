@@ -1,6 +1,9 @@
+#include <kest/kernel_frame/log_capture.h>
 #include <kest/kernel_frame/log_sink.h>
 #include <kest/kernel_frame/scale.h>
 #include <tests/test_util.h>
+
+#include <thread>
 
 namespace {
 
@@ -20,6 +23,26 @@ TEST(LogSink, TakesTheLinesInsteadOfStandardOutput) {
     taken.clear();
     EXPECT_EQ("[ERROR][ProcessScale][] Not support scale is +inf.\n", LogOf(fail));
     EXPECT_EQ("", taken);
+}
+
+TEST(LogSink, CapturesTakeTheLinesOfTheirThread) {
+    const auto fail = [] {
+        float scale = kInf;
+        EXPECT_NE(0, util::ProcessScale(scale));
+    };
+    util::LogCapture outer;
+    fail();
+    const std::string one = outer.lines;
+    EXPECT_NE("", one);
+    {
+        util::LogCapture inner;
+        fail();
+        EXPECT_EQ(one, inner.lines);
+        EXPECT_NE("", LogOf([&] { std::thread(fail).join(); }));
+        EXPECT_EQ(one, inner.lines);
+    }
+    fail();
+    EXPECT_EQ(one + one, outer.lines);
 }
 
 }  // namespace

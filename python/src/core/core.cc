@@ -1,25 +1,7 @@
 #include "core.h"
 
-#include <kest/kernel_frame/log_sink.h>
-
-#include <cstdio>
-
 namespace core {
 namespace {
-
-thread_local LogCapture* currentCapture = nullptr;
-util::LogSink sinkBefore = nullptr;
-
-/// Lines of calls that are not ours go where they went before.
-void TakeLine(const char* line) {
-    if (currentCapture != nullptr) {
-        currentCapture->lines += line;
-    } else if (sinkBefore != nullptr) {
-        sinkBefore(line);
-    } else {
-        std::fputs(line, stdout);
-    }
-}
 
 void Translate(const std::exception_ptr& exception, void* /*payload*/) {
     try {
@@ -37,18 +19,9 @@ void Translate(const std::exception_ptr& exception, void* /*payload*/) {
 
 }  // namespace
 
-LogCapture::LogCapture() {
-    currentCapture = this;
-}
-
-LogCapture::~LogCapture() {
-    currentCapture = nullptr;
-}
-
 }  // namespace core
 
 NB_MODULE(_core, module) {
-    core::sinkBefore = util::SetLogSink(core::TakeLine);
     nanobind::register_exception_translator(core::Translate);
     core::BindArq(module);
     core::BindBalance(module);

@@ -1,6 +1,7 @@
 #ifndef KEST_PYTHON_CORE_H_
 #define KEST_PYTHON_CORE_H_
 
+#include <kest/kernel_frame/log_capture.h>
 #include <kest/kernel_frame/views.h>
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
@@ -31,21 +32,10 @@ struct StatusError : std::exception {
         : status(failed), step(std::move(name)), log(std::move(lines)) {}
 };
 
-/// While it lives, kest's log lines of this thread are collected here instead of printed. Not nested.
-class LogCapture {
-public:
-    LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-    ~LogCapture();
-
-    std::string lines;
-};
-
 /// Calls kest without the interpreter's lock. `call` returns a status and touches no Python object.
 template <typename Call>
 void Run(const char* step, Call call) {
-    LogCapture capture;
+    util::LogCapture capture;
     int status;
     {
         const nb::gil_scoped_release release;

@@ -12,7 +12,7 @@ using namespace nb::literals;
 template <typename T>
 std::string Write(const Input<T>& values, const std::string& directory, const std::string& name, unsigned int batch,
                   const Input<float>& shape) {
-    LogCapture capture;
+    util::LogCapture capture;
     const nb::gil_scoped_release release;
     const kest_tf::DumpFunctor<util::ThreadPoolDevice, T> dump;
     dump(values.data(), Length(values),

@@ -6,21 +6,10 @@ import numpy as np
 import numpy.typing as npt
 
 from kest._arrays import checked
+from kest._tensors import checked_tensor
 
 Float = TypeVar("Float", np.float32, np.float64)
 Scalar = TypeVar("Scalar", bound=np.generic)
-
-
-def short(name: str, array: npt.NDArray[Any], *dtypes: npt.DTypeLike) -> npt.NDArray[Any]:
-    """Returns `array`, checked, whose elements a 32-bit integer counts.
-
-    Raises:
-        TypeError, ValueError: as checked.
-        ValueError: it has 2^31 elements or more.
-    """
-    if checked(name, array, *dtypes).size > 2**31 - 1:
-        raise ValueError(f"{name} has to have fewer than 2^31 elements")
-    return array
 
 
 def number_of_channels(
@@ -29,10 +18,10 @@ def number_of_channels(
     """How many channels the weights have, and whether they are the last axis.
 
     Raises:
-        TypeError, ValueError: as short.
+        TypeError, ValueError: as checked_tensor.
         ValueError: the axis is neither the first nor the last, nor None.
     """
-    short("weights", weights, *dtypes)
+    checked_tensor("weights", weights, *dtypes)
     if channel_axis is None:
         return 1, False
     if weights.ndim == 0 or channel_axis not in (0, -1, weights.ndim - 1):

@@ -6,7 +6,8 @@ import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._channels import Float, number_of_channels, one_a_channel, short, to_first, to_last
+from kest._channels import Float, number_of_channels, one_a_channel, to_first, to_last
+from kest._tensors import checked_tensor
 
 
 @dataclass(frozen=True)
@@ -89,7 +90,7 @@ def fake_quantise(
     num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32)
     one_a_channel("scale", factors.scale, np.float32, num_channels)
     one_a_channel("offset", factors.offset, np.int32, num_channels)
-    if short("clusters", factors.clusters, np.int32).size == 0:
+    if checked_tensor("clusters", factors.clusters, np.int32).size == 0:
         raise ValueError("clusters has to have one entry or more")
     first = to_first(weights, channel_last)
     values = np.empty(first.shape, first.dtype)

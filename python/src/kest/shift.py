@@ -11,12 +11,12 @@ import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._channels import short
+from kest._tensors import checked_tensor
 
 
 def _inner_length(values: npt.NDArray[np.float32], channel_axis: int | None, num_channels: int) -> int:
     """How many values of a channel lie side by side; 0 without any values."""
-    short("accumulators", values, np.float32)
+    checked_tensor("accumulators", values, np.float32)
     if channel_axis is None:
         if num_channels != 1:
             raise ValueError("scale has to have one entry without a channel_axis")
@@ -31,7 +31,7 @@ def _inner_length(values: npt.NDArray[np.float32], channel_axis: int | None, num
 
 def _checked_scale(scale: npt.NDArray[np.float32]) -> npt.NDArray[np.float32]:
     """A copy of the scales, which have to be one or more."""
-    short("scale", scale, np.float32)
+    checked_tensor("scale", scale, np.float32)
     if scale.ndim != 1 or scale.size == 0:
         raise ValueError("scale has to have one axis and one entry or more")
     return scale.copy()
@@ -81,7 +81,7 @@ def search_integers(
     Raises:
         ValueError: channel_axis is no axis.
     """
-    short("accumulators", accumulators, np.int32)
+    checked_tensor("accumulators", accumulators, np.int32)
     if channel_axis is None:
         rows: npt.NDArray[np.int32] = accumulators.reshape(1, -1)
     elif -accumulators.ndim <= channel_axis < accumulators.ndim:

@@ -6,7 +6,8 @@ import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._channels import Float, number_of_channels, one_a_channel, short
+from kest._channels import Float, number_of_channels, one_a_channel
+from kest._tensors import checked_tensor
 
 
 @dataclass(frozen=True)
@@ -80,7 +81,7 @@ def fake_quantise(
         ValueError: num_bits out of range.
     """
     _check_width(num_bits)
-    short("activations", activations, np.float32)
+    checked_tensor("activations", activations, np.float32)
     values = np.empty(activations.shape, np.float32)
     grid = Grid(*_core.ulq_fake_quantise(activations, bounds.clip_max, bounds.clip_min, num_bits, values))
     return values, grid
@@ -117,8 +118,8 @@ def gradients(
     Raises:
         ValueError: upstream does not fit the activations.
     """
-    short("activations", activations, np.float32, np.float64)
-    if short("upstream", upstream, activations.dtype).shape != activations.shape:
+    checked_tensor("activations", activations, np.float32, np.float64)
+    if checked_tensor("upstream", upstream, activations.dtype).shape != activations.shape:
         raise ValueError(f"upstream has to have the shape {activations.shape}, not {upstream.shape}")
     return Bounds(
         *_core.ulq_gradients(
