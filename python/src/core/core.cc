@@ -51,4 +51,5 @@ NB_MODULE(_core, module) {
     core::sinkBefore = util::SetLogSink(core::TakeLine);
     nanobind::register_exception_translator(core::Translate);
     core::BindArq(module);
+    core::BindRecord(module);
 }

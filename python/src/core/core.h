@@ -66,6 +66,7 @@ unsigned int Length(const T& array) {
 }
 
 void BindArq(nb::module_& module);
+void BindRecord(nb::module_& module);
 
 }  // namespace core
 
