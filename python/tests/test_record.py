@@ -188,13 +188,16 @@ def value(text):
     (value("scale_d: 1e400\noffset_d: 2147483648\n"),
      [(4, "scale_d is 1e400, out of range, and reads as 3.4028235e+38"),
       (5, "offset_d is 2147483648, out of range, and reads as 2147483647")]),
+    (value("cluster: " + "9" * 5000 + "\n"),
+     [(4, f"cluster[0] is {'9' * 5000}, out of range, and reads as 2147483647")]),
     (value("scale_w: 1\nscale_w: -0.5\nscale_w: 1e-40\nscale_w: -3\noffset_w: 0\n"),
      [(5, "scale_w[1] is negative: -0.5, and 1 more like it"), (6, "scale_w[2] is too small to divide by: 1e-40"),
       (3, "scale_w has 4 values, offset_w 1 value")]),
     (value("tensor_balance_factor: nan\nshift_bit: 32\nskip_fusion: yes\nscale_d: 2\n"),
      [(4, "tensor_balance_factor[0] is nan, no finite number, and reads as 0.0"), (5, "shift_bit[0] is 32, beyond 31"),
       (6, "skip_fusion is yes, which reads as false"), (7, "scale_d without offset_d")]),
-    (value("scale_d: 1\noffset_d: 0\nscale_d: 2\n"), [(4, "scale_d is given again; the last one, on line 6, counts")]),
+    (value("scale_d: 1\noffset_d: 0\nscale_d: -2\n"), [(4, "scale_d is given again; the last one, on line 6, counts"),
+                                                       (6, "scale_d is negative: -2.0")]),
     (value("scale_d: 0\n") .replace("value", "value { scale_w: 0 }\nvalue { }\nvalue", 1),
      [(3, "value is given again; the last one, on line 5, counts"), (6, "scale_d is zero"),
       (6, "scale_d without offset_d")]),
@@ -273,6 +276,8 @@ def test_diff(file):
             {"layer": "conv1", "field": "dst_type", "a": "INT8", "b": "INT4"},
             {"layer": "conv1", "field": "scale_w", "a": [0.0025, 0.1], "b": [0.0025, 0.2]},
             {"layer": "conv1", "field": "offset_w", "a": [0, 3], "b": [0]}]}
+    other.write_text(FC + CONV1 + FC)
+    assert command("diff", file, other).stdout.splitlines()[2:] == ["+ fc (record 2)"]
     other.write_text(FC + CONV1)
     same = command("diff", file, other)
     assert (same.returncode, same.stdout) == (0, "")

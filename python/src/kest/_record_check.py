@@ -5,9 +5,10 @@ the text by the same grammar.
 """
 
 import re
-from bisect import bisect_right
+from bisect import bisect_left
 from collections.abc import Callable, Iterator, Sequence
 from dataclasses import dataclass, field
+from decimal import Decimal
 from typing import Any
 
 import numpy as np
@@ -95,7 +96,7 @@ class _Scanner:
             yield found
 
     def _line(self, position: int) -> int:
-        return bisect_right(self.line_ends, position - 1) + 1
+        return bisect_left(self.line_ends, position) + 1
 
     def _skip(self, pattern: re.Pattern[str], position: int, end: int) -> int:
         found = pattern.match(self.text, position, end)
@@ -251,7 +252,7 @@ def _fault(name: str, text: str, value: Any) -> tuple[str, str]:
     is_scale = name in _SCALES
     if not (_FLOAT if is_scale else _INTEGER).fullmatch(text):
         return "word", f"is {text}, no {'finite' if is_scale else 'whole'} number, and reads as {value!s}"
-    if abs(float(text)) > _MAX_FLOAT if is_scale else int(text) != value:
+    if abs(float(text)) > _MAX_FLOAT if is_scale else Decimal(text) != int(value):
         return "range", f"is {text}, out of range, and reads as {value!s}"
     if is_scale and value == 0:
         return "zero", "is zero"

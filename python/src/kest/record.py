@@ -193,7 +193,7 @@ def update_data(file: Path, layer: str, scale: float, offset: int, *, dst_type: 
         RecordFileError: as in read; also status 6 for a file that cannot be written. The file is unchanged.
         ValueError: a layer name that is empty; a blank, line end, quote or NUL in it or in dst_type.
     """
-    kind = _word("dst_type", "hide" if dst_type is None else dst_type)
+    kind = _word("dst_type", dst_type or "hide")
     _core.record_update_data(_path(file), _layer(layer), float(scale), _offset(offset), kind)
 
 
