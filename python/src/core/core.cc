@@ -34,6 +34,7 @@ NB_MODULE(_core, module) {
     core::BindMasks(module);
     core::BindNuq(module);
     core::BindPrune(module);
+    core::BindRecord(module);
     core::BindShift(module);
     core::BindSoftmax(module);
     core::BindUlq(module);

@@ -66,6 +66,7 @@ void BindIfmr(nb::module_& module);
 void BindMasks(nb::module_& module);
 void BindNuq(nb::module_& module);
 void BindPrune(nb::module_& module);
+void BindRecord(nb::module_& module);
 void BindShift(nb::module_& module);
 void BindSoftmax(nb::module_& module);
 void BindUlq(nb::module_& module);
