@@ -1,0 +1,53 @@
+#ifndef KEST_KERNEL_FRAME_LOG_CAPTURE_H_
+#define KEST_KERNEL_FRAME_LOG_CAPTURE_H_
+
+#include <kest/kernel_frame/log_sink.h>
+
+#include <cstdio>
+#include <string>
+
+namespace util {
+
+/// Collects the log lines that calls of this thread print while it lives, instead of printing them; for the one who
+/// turns a status into an error. Captures may nest, the innermost collects. Other threads' lines go where they went
+/// before.
+///
+/// Header only: each module has its own hook, hung before that of the module loaded before it. A module that has used
+/// it must stay loaded.
+class __attribute__((visibility("hidden"))) LogCapture {
+public:
+    LogCapture() : outer_(current) {
+        static const bool hooked = Hook();
+        static_cast<void>(hooked);
+        current = this;
+    }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+    ~LogCapture() { current = outer_; }
+
+    std::string lines;
+
+private:
+    static bool Hook() {
+        next = SetLogSink(Take);
+        return true;
+    }
+
+    static void Take(const char* line) {
+        if (current != nullptr) {
+            current->lines += line;
+        } else if (next != nullptr) {
+            next(line);
+        } else {
+            std::fputs(line, stdout);
+        }
+    }
+
+    inline static thread_local LogCapture* current = nullptr;
+    inline static LogSink next = nullptr;
+    LogCapture* outer_;
+};
+
+}  // namespace util
+
+#endif  // KEST_KERNEL_FRAME_LOG_CAPTURE_H_
