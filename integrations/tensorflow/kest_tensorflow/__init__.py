@@ -25,3 +25,86 @@ def quantise(x, scale, offset, num_bits=8, name=None):
         float32 of the shape of x: codes without their zero point.
     """
     return _ops.kest_quantise(x=x, scale=scale, offset=offset, num_bits=num_bits, name=name)
+
+
+def dequantise_words(scale, shift=0):
+    """The words that dequantise takes: the bits of the scale, and above them the shift.
+
+    Args:
+        scale: float32, a scalar or one a channel.
+        shift: integers from 0 to 255, a scalar or one a channel.
+
+    Returns:
+        uint64 of the shape that both broadcast to.
+    """
+    bits = tf.cast(tf.bitcast(tf.convert_to_tensor(scale, tf.float32), tf.uint32), tf.uint64)
+    return tf.bitwise.bitwise_or(bits, tf.bitwise.left_shift(tf.cast(shift, tf.uint64), tf.constant(32, tf.uint64)))
+
+
+def dequantise(x, words, axis=-1, multiplier=1, name=None):
+    """The deployed dequantise operator: accumulators to real values.
+
+    multiplier * x, with a shift N other than 0 then floor(... / 2^N) clamped to 16 signed bits; times 2^N * scale /
+    multiplier.
+
+    Args:
+        x: float32, whole numbers, any shape.
+        words: uint64, scale and shift (dequantise_words) of all channels as a scalar, or one word for each.
+        axis: of the channels, if there is a word for each.
+        multiplier: a whole number other than 0.
+        name: of the operator.
+
+    Returns:
+        float32 of the shape of x.
+    """
+    return _ops.kest_dequantise(x=x, words=words, axis=axis, multiplier=multiplier, name=name)
+
+
+def anti_quantise(x, scale, name=None):
+    """The deployed anti-quantise operator: x * scale.
+
+    Args:
+        x: float32, codes without their zero point, any shape.
+        scale: a float32 scalar, the step.
+        name: of the operator.
+
+    Returns:
+        float32 of the shape of x.
+    """
+    return _ops.kest_anti_quantise(x=x, scale=scale, name=name)
+
+
+def anti_quantise_weights(codes, offset, axis=-1, name=None):
+    """The deployed weight operator: codes - offset, weights without their zero point.
+
+    Args:
+        codes: int8, any shape.
+        offset: int8, one for all channels as a scalar, or one for each.
+        axis: of the channels, if there is an offset for each.
+        name: of the operator.
+
+    Returns:
+        float32 of the shape of codes.
+    """
+    return _ops.kest_anti_quantise_weights(codes=codes, offset=offset, axis=axis, name=name)
+
+
+def fast_softmax(x, coeff_square=1 / 2, coeff_cube=1 / 6, threshold=-1.5, name=None):
+    """Softmax over the last axis with a polynomial in place of the exponential.
+
+    Of d = x - the row's maximum: coeff_cube * d^3 + coeff_square * d^2 + d + 1, and 0 for d up to the threshold, divided
+    by the row's sum. The default polynomial, the Taylor series, is negative below -1.596.
+
+    Args:
+        x: float32 or float64, of rank 1 or more.
+        coeff_square: a number.
+        coeff_cube: a number.
+        threshold: a negative number.
+        name: of the operator.
+
+    Returns:
+        A tensor of the type and shape of x.
+    """
+    return _ops.kest_fast_softmax(
+        x=x, coeff_square=coeff_square, coeff_cube=coeff_cube, threshold=threshold, name=name
+    )
