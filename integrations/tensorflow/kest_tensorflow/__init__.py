@@ -108,3 +108,86 @@ def fast_softmax(x, coeff_square=1 / 2, coeff_cube=1 / 6, threshold=-1.5, name=N
     return _ops.kest_fast_softmax(
         x=x, coeff_square=coeff_square, coeff_cube=coeff_cube, threshold=threshold, name=name
     )
+
+
+def arq_weights(weights, num_bits=8, name=None):
+    """ARQ of weights: symmetric, one scale for each channel of the last axis, so that its largest magnitude is kept.
+
+    Args:
+        weights: float32, of rank 1 or more, not empty; NaN is passed over.
+        num_bits: the width of the signed grid, 2 to 31.
+        name: of the operator.
+
+    Returns:
+        The fake-quantised weights, scale * clamp(round(weights / scale)); the scales, float32; the offsets, int32 zeros.
+    """
+    return _ops.kest_arq_weights(weights=weights, num_bits=num_bits, name=name)
+
+
+def fake_quantise_weights(weights, steps, num_bits=8, reciprocal=False, name=None):
+    """Fake-quantises weights with a learned step for each channel of the last axis: step * clamp(round(weights / step)).
+
+    Args:
+        weights: float32, of rank 1 or more.
+        steps: float32, one a channel; below 1e-6 a step counts 1e-6 more.
+        num_bits: the width of the signed grid, 2 to 31.
+        reciprocal: what is learned is 1 / step.
+        name: of the operator.
+
+    Returns:
+        float32 of the shape of weights.
+    """
+    return _ops.kest_fake_quantise_weights(
+        weights=weights, steps=steps, num_bits=num_bits, reciprocal=reciprocal, name=name
+    )
+
+
+def fuse_batch_norm(scale, gamma, variance, epsilon=1e-3, multiplier=1.0, name=None):
+    """The weight scales of a layer once the batch normalisation behind it is folded into its weights.
+
+    |scale * gamma / sqrt(|variance + epsilon|) * multiplier|, 1 where that is below 1e-6.
+
+    Args:
+        scale: float32, one a channel.
+        gamma: float32, one a channel.
+        variance: float32, one a channel.
+        epsilon: a float32 scalar, that of the batch normalisation.
+        multiplier: a float32 scalar.
+        name: of the operator.
+
+    Returns:
+        float32, one a channel.
+    """
+    return _ops.kest_fuse_batch_norm(
+        scale=scale, gamma=gamma, variance=variance, epsilon=epsilon, multiplier=multiplier, name=name
+    )
+
+
+def dmq_balance_factors(activations, weights, migration_strength=0.5, activation_axis=-1, weight_axis=-2, name=None):
+    """DMQ: a factor for each input channel, by which its activations are to be divided and its weights multiplied.
+
+    The largest magnitude of its activations ^ migration_strength / that of its weights ^ (1 - migration_strength).
+
+    Args:
+        activations: float32 of known rank, not empty.
+        weights: float32 of known rank, not empty.
+        migration_strength: from 0.2 to 0.8.
+        activation_axis: of the input channels.
+        weight_axis: of the input channels; the default is that of weights with the output channel last.
+        name: of the operator.
+
+    Returns:
+        float32, one an input channel.
+    """
+    return _ops.kest_dmq_balance_factors(
+        activations=_channel_first(activations, activation_axis),
+        weights=_channel_first(weights, weight_axis),
+        migration_strength=migration_strength,
+        name=name,
+    )
+
+
+def _channel_first(x, axis):
+    x = tf.convert_to_tensor(x, tf.float32)
+    axes = list(range(x.shape.rank))
+    return tf.transpose(x, [axes.pop(axis), *axes])
