@@ -127,6 +127,9 @@ def arq_weights(weights, num_bits=8, name=None):
 def fake_quantise_weights(weights, steps, num_bits=8, reciprocal=False, name=None):
     """Fake-quantises weights with a learned step for each channel of the last axis: step * clamp(round(weights / step)).
 
+    Gradients take the rounding for the identity: weights that the grid clips have none, and a step has the sum of
+    (code - weight / step, the code alone where clipped) * the gradient over its channel.
+
     Args:
         weights: float32, of rank 1 or more.
         steps: float32, one a channel; below 1e-6 a step counts 1e-6 more.
@@ -185,6 +188,118 @@ def dmq_balance_factors(activations, weights, migration_strength=0.5, activation
         migration_strength=migration_strength,
         name=name,
     )
+
+
+def generate_mask(rows, columns, name=None):
+    """The mask of two axes: 1 where neither the row nor the column is 0, else 0.
+
+    Args:
+        rows: float32 or float64, a vector.
+        columns: the same, not empty.
+        name: of the operator.
+
+    Returns:
+        A matrix of their type, an entry for each pair.
+    """
+    return _ops.kest_generate_mask(rows=rows, columns=columns, name=name)
+
+
+def apply_mask(x, mask, row_axis=-2, column_axis=-1, name=None):
+    """x times the entry of the mask for its places along two axes.
+
+    Args:
+        x: float32 or float64, of rank 1 or more.
+        mask: a matrix of the type of x, as long and wide as the axes; it has no gradient.
+        row_axis: the axis of x along which the rows lie.
+        column_axis: that of the columns.
+        name: of the operator.
+
+    Returns:
+        A tensor of the type and shape of x.
+    """
+    return _ops.kest_apply_mask(x=x, mask=mask, row_axis=row_axis, column_axis=column_axis, name=name)
+
+
+def n_of_m_mask(weights, keep=2, group_size=4, axis=-2, select=None, name=None):
+    """Masks the weights of smallest magnitude in groups of consecutive channels, at each place of the other axes.
+
+    Of equal magnitudes the lower channel is kept; NaN counts as the largest. A last group that is not full is filled up
+    with zeros, which count as pruned first.
+
+    Args:
+        weights: float32 or float64, of rank 1 or more.
+        keep: weights of a group to keep.
+        group_size: channels of a group.
+        axis: of the channels; the default is the input channel of weights with the output channel last.
+        select: of the type of weights, one a channel: those of magnitude 1 and more take part, the others are kept and
+            skipped. All take part by default.
+        name: of the operator.
+
+    Returns:
+        A tensor of the type and shape of weights, 1 where kept, else 0.
+    """
+    weights = tf.convert_to_tensor(weights)
+    if select is None:
+        select = tf.ones(tf.shape(weights)[axis, tf.newaxis], weights.dtype)
+    return _ops.kest_n_of_m_mask(
+        weights=weights, select=select, keep=keep, group_size=group_size, axis=axis, name=name
+    )
+
+
+def channel_prune_mask(tensors, axes, group_sizes, prune_counts, name=None):
+    """Masks the channels whose filters have the smallest L2 norms.
+
+    Each tensor adds its norms, mapped to [0, 1] within each group. Of equal scores the lower channel is pruned first;
+    a NaN score counts as the largest.
+
+    Args:
+        tensors: a list of tensors of the same channels, float32 or float64, not empty.
+        axes: of the channels, one for each tensor.
+        group_sizes: the numbers of consecutive channels that form a group, all channels in total.
+        prune_counts: how many of them to prune, one for each group.
+        name: of the operator.
+
+    Returns:
+        A vector of the type of the tensors, 1 for channels to keep, else 0.
+    """
+    return _ops.kest_channel_prune_mask(
+        tensors=tensors, axes=axes, group_sizes=group_sizes, prune_counts=prune_counts, name=name
+    )
+
+
+def dump(x, directory, tensor_name, batch=0, name=None):
+    """Writes a tensor to the file <directory>/<tensor_name>_batch<batch>.bin, which is replaced.
+
+    In native byte order: the element type as a float (0 float32, 1 float64, 2 int32, 3 float16), the shape as floats,
+    the elements. In a tf.function it runs whether or not anything depends on it.
+
+    Args:
+        x: float32, float64, int32 or float16, any shape.
+        directory: of the file, which has to exist.
+        tensor_name: a Python string.
+        batch: an int32 scalar, not negative.
+        name: of the operator.
+    """
+    _ops.kest_dump(x=x, batch=batch, directory=str(directory), tensor_name=tensor_name, name=name)
+
+
+@tf.RegisterGradient("KestApplyMask")
+def _apply_mask_gradient(op, grad):
+    return apply_mask(grad, op.inputs[1], op.get_attr("row_axis"), op.get_attr("column_axis")), None
+
+
+@tf.RegisterGradient("KestFakeQuantiseWeights")
+def _fake_quantise_weights_gradient(op, grad):
+    weights, learned = op.inputs
+    half = 2.0 ** (op.get_attr("num_bits") - 1)
+    reciprocal = op.get_attr("reciprocal")
+    learned = tf.where(learned < 1e-6, learned + 1e-6, learned)
+    step = 1 / learned if reciprocal else learned
+    quotient = weights / step
+    inside = tf.cast((quotient > -half - 0.5) & (quotient < half - 0.5), tf.float32)
+    to_step = (op.outputs[0] / step - quotient * inside) * grad
+    to_step = tf.reduce_sum(tf.reshape(to_step, [-1, tf.size(learned)]), 0)
+    return grad * inside, -to_step * step * step if reciprocal else to_step
 
 
 def _channel_first(x, axis):

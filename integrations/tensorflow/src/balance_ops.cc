@@ -16,8 +16,8 @@ public:
     void Compute(OpKernelContext* context) override {
         const Tensor& activations = context->input(0);
         const Tensor& weights = context->input(1);
-        int actLength;
-        int wtsLength;
+        int actLength = 0;
+        int wtsLength = 0;
         OP_REQUIRES_OK(context, CountOf(activations, actLength));
         OP_REQUIRES_OK(context, CountOf(weights, wtsLength));
         Channels channels;

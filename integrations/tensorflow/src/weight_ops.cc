@@ -120,13 +120,13 @@ public:
 
     void Compute(OpKernelContext* context) override {
         const Tensor& scale = context->input(0);
-        int numChannels;
+        int numChannels = 0;
         OP_REQUIRES_OK(context, CountOf(scale, numChannels));
         OP_REQUIRES_OK(context, CheckPerChannel(scale, "scale", numChannels));
         OP_REQUIRES_OK(context, CheckPerChannel(context->input(1), "gamma", numChannels));
         OP_REQUIRES_OK(context, CheckPerChannel(context->input(2), "variance", numChannels));
-        float epsilon;
-        float multiplier;
+        float epsilon = 0;
+        float multiplier = 0;
         OP_REQUIRES_OK(context, ScalarOf(context->input(3), "epsilon", epsilon));
         OP_REQUIRES_OK(context, ScalarOf(context->input(4), "multiplier", multiplier));
         Tensor* fused = nullptr;

@@ -48,6 +48,21 @@ def test_fake_quantise_weights(reciprocal):
         kest.fake_quantise_weights(w, learned[:2])
 
 
+@pytest.mark.parametrize("reciprocal", [False, True])
+def test_fake_quantise_weights_gradient(reciprocal):
+    """3 bits: codes from -4 to 3. Two values that round off the grid, two that just do not; two within a channel."""
+    w = np.float32([[3.5, 3.4, 0.6], [-4.5, -4.4, 1.25]]) / 2
+    learned = tf.fill([3], 2.0 if reciprocal else 0.5)
+    g = np.float32([[1, 2, 4], [8, 16, 32]])
+    with tf.GradientTape() as tape:
+        tape.watch([inputs := tf.constant(w), learned])
+        y = kest.fake_quantise_weights(inputs, learned, 3, reciprocal)
+    to_weights, to_steps = tape.gradient(y, [inputs, learned], g)
+    np.testing.assert_array_equal(to_weights, [[0, 2, 4], [0, 16, 32]])
+    expected = np.array([3 * 1 - 4 * 8, -0.4 * 2 + 0.4 * 16, 0.4 * 4 - 0.25 * 32])
+    np.testing.assert_allclose(to_steps, expected * (-0.25 if reciprocal else 1), rtol=1e-5)
+
+
 def test_fuse_batch_norm():
     scale, gamma, variance = np.float32([[0.5, 0.25, 0.1], [1, -2, 1e-7], [3, 0.5, 1]])
     got = both_ways(lambda s, g, v: kest.fuse_batch_norm(s, g, v, 0.01, 2.0), scale, gamma, variance)
