@@ -1,7 +1,7 @@
 """kest's kernels as TensorFlow operators, on the CPU.
 
-Each function takes what TensorFlow can make a tensor of and works eagerly and in graphs. An operator that fails raises a
-TensorFlow error whose text names it, the status and kest's own log lines.
+Each function takes what TensorFlow can make a tensor of and works eagerly and in graphs. An operator that fails raises
+a TensorFlow error whose text names it, the status and kest's own log lines.
 """
 
 import pathlib
@@ -92,8 +92,8 @@ def anti_quantise_weights(codes, offset, axis=-1, name=None):
 def fast_softmax(x, coeff_square=1 / 2, coeff_cube=1 / 6, threshold=-1.5, name=None):
     """Softmax over the last axis with a polynomial in place of the exponential.
 
-    Of d = x - the row's maximum: coeff_cube * d^3 + coeff_square * d^2 + d + 1, and 0 for d up to the threshold, divided
-    by the row's sum. The default polynomial, the Taylor series, is negative below -1.596.
+    Of d = x - the row's maximum: coeff_cube * d^3 + coeff_square * d^2 + d + 1, and 0 for d up to the threshold,
+    divided by the row's sum. The default polynomial, the Taylor series, is negative below -1.596.
 
     Args:
         x: float32 or float64, of rank 1 or more.
@@ -119,16 +119,17 @@ def arq_weights(weights, num_bits=8, name=None):
         name: of the operator.
 
     Returns:
-        The fake-quantised weights, scale * clamp(round(weights / scale)); the scales, float32; the offsets, int32 zeros.
+        The fake-quantised weights, scale * clamp(round(weights / scale)); the scales, float32; the offsets, int32, 0.
     """
     return _ops.kest_arq_weights(weights=weights, num_bits=num_bits, name=name)
 
 
 def fake_quantise_weights(weights, steps, num_bits=8, reciprocal=False, name=None):
-    """Fake-quantises weights with a learned step for each channel of the last axis: step * clamp(round(weights / step)).
+    """Fake-quantises weights with a learned step for each channel of the last axis.
 
-    Gradients take the rounding for the identity: weights that the grid clips have none, and a step has the sum of
-    (code - weight / step, the code alone where clipped) * the gradient over its channel.
+    step * clamp(round(weights / step)), halves away from zero. Gradients take the rounding for the identity:
+    weights that the grid clips have none, and a step has the sum over its channel of the gradient times code - weight /
+    step, the code alone where clipped.
 
     Args:
         weights: float32, of rank 1 or more.
@@ -298,7 +299,7 @@ def _fake_quantise_weights_gradient(op, grad):
     quotient = weights / step
     inside = tf.cast((quotient > -half - 0.5) & (quotient < half - 0.5), tf.float32)
     to_step = (op.outputs[0] / step - quotient * inside) * grad
-    to_step = tf.reduce_sum(tf.reshape(to_step, [-1, tf.size(learned)]), 0)
+    to_step = tf.reduce_sum(to_step, tf.range(tf.rank(to_step) - 1))
     return grad * inside, -to_step * step * step if reciprocal else to_step
 
 
