@@ -1,0 +1,309 @@
+"""kest's kernels as TensorFlow operators, on the CPU.
+
+Each function takes what TensorFlow can make a tensor of and works eagerly and in graphs. An operator that fails raises
+a TensorFlow error whose text names it, the status and kest's own log lines.
+"""
+
+import pathlib
+
+import tensorflow as tf
+
+_ops = tf.load_op_library(str(pathlib.Path(__file__).parent / "kest_ops.so"))
+
+
+def quantise(x, scale, offset, num_bits=8, name=None):
+    """The deployed quantise operator: clamp(round(x * scale) + offset) - offset, halves away from zero.
+
+    Args:
+        x: float32, any shape.
+        scale: a float32 scalar, 1 / step.
+        offset: a float32 scalar, the zero point, a whole number.
+        num_bits: the width of the signed grid.
+        name: of the operator.
+
+    Returns:
+        float32 of the shape of x: codes without their zero point.
+    """
+    return _ops.kest_quantise(x=x, scale=scale, offset=offset, num_bits=num_bits, name=name)
+
+
+def dequantise_words(scale, shift=0):
+    """The words that dequantise takes: the bits of the scale, and above them the shift.
+
+    Args:
+        scale: float32, a scalar or one a channel.
+        shift: integers from 0 to 255, a scalar or one a channel.
+
+    Returns:
+        uint64 of the shape that both broadcast to.
+    """
+    bits = tf.cast(tf.bitcast(tf.convert_to_tensor(scale, tf.float32), tf.uint32), tf.uint64)
+    return tf.bitwise.bitwise_or(bits, tf.bitwise.left_shift(tf.cast(shift, tf.uint64), tf.constant(32, tf.uint64)))
+
+
+def dequantise(x, words, axis=-1, multiplier=1, name=None):
+    """The deployed dequantise operator: accumulators to real values.
+
+    multiplier * x, with a shift N other than 0 then floor(... / 2^N) clamped to 16 signed bits; times 2^N * scale /
+    multiplier.
+
+    Args:
+        x: float32, whole numbers, any shape.
+        words: uint64, scale and shift (dequantise_words) of all channels as a scalar, or one word for each.
+        axis: of the channels, if there is a word for each.
+        multiplier: a whole number other than 0.
+        name: of the operator.
+
+    Returns:
+        float32 of the shape of x.
+    """
+    return _ops.kest_dequantise(x=x, words=words, axis=axis, multiplier=multiplier, name=name)
+
+
+def anti_quantise(x, scale, name=None):
+    """The deployed anti-quantise operator: x * scale.
+
+    Args:
+        x: float32, codes without their zero point, any shape.
+        scale: a float32 scalar, the step.
+        name: of the operator.
+
+    Returns:
+        float32 of the shape of x.
+    """
+    return _ops.kest_anti_quantise(x=x, scale=scale, name=name)
+
+
+def anti_quantise_weights(codes, offset, axis=-1, name=None):
+    """The deployed weight operator: codes - offset, weights without their zero point.
+
+    Args:
+        codes: int8, any shape.
+        offset: int8, one for all channels as a scalar, or one for each.
+        axis: of the channels, if there is an offset for each.
+        name: of the operator.
+
+    Returns:
+        float32 of the shape of codes.
+    """
+    return _ops.kest_anti_quantise_weights(codes=codes, offset=offset, axis=axis, name=name)
+
+
+def fast_softmax(x, coeff_square=1 / 2, coeff_cube=1 / 6, threshold=-1.5, name=None):
+    """Softmax over the last axis with a polynomial in place of the exponential.
+
+    Of d = x - the row's maximum: coeff_cube * d^3 + coeff_square * d^2 + d + 1, and 0 for d up to the threshold,
+    divided by the row's sum. The default polynomial, the Taylor series, is negative below -1.596.
+
+    Args:
+        x: float32 or float64, of rank 1 or more.
+        coeff_square: a number.
+        coeff_cube: a number.
+        threshold: a negative number.
+        name: of the operator.
+
+    Returns:
+        A tensor of the type and shape of x.
+    """
+    return _ops.kest_fast_softmax(
+        x=x, coeff_square=coeff_square, coeff_cube=coeff_cube, threshold=threshold, name=name
+    )
+
+
+def arq_weights(weights, num_bits=8, name=None):
+    """ARQ of weights: symmetric, one scale for each channel of the last axis, so that its largest magnitude is kept.
+
+    Args:
+        weights: float32, of rank 1 or more, not empty; NaN is passed over.
+        num_bits: the width of the signed grid, 2 to 31.
+        name: of the operator.
+
+    Returns:
+        The fake-quantised weights, scale * clamp(round(weights / scale)); the scales, float32; the offsets, int32, 0.
+    """
+    return _ops.kest_arq_weights(weights=weights, num_bits=num_bits, name=name)
+
+
+def fake_quantise_weights(weights, steps, num_bits=8, reciprocal=False, name=None):
+    """Fake-quantises weights with a learned step for each channel of the last axis.
+
+    step * clamp(round(weights / step)), halves away from zero. Gradients take the rounding for the identity:
+    weights that the grid clips have none, and a step has the sum over its channel of the gradient times code - weight /
+    step, the code alone where clipped.
+
+    Args:
+        weights: float32, of rank 1 or more.
+        steps: float32, one a channel; below 1e-6 a step counts 1e-6 more.
+        num_bits: the width of the signed grid, 2 to 31.
+        reciprocal: what is learned is 1 / step.
+        name: of the operator.
+
+    Returns:
+        float32 of the shape of weights.
+    """
+    return _ops.kest_fake_quantise_weights(
+        weights=weights, steps=steps, num_bits=num_bits, reciprocal=reciprocal, name=name
+    )
+
+
+def fuse_batch_norm(scale, gamma, variance, epsilon=1e-3, multiplier=1.0, name=None):
+    """The weight scales of a layer once the batch normalisation behind it is folded into its weights.
+
+    |scale * gamma / sqrt(|variance + epsilon|) * multiplier|, 1 where that is below 1e-6.
+
+    Args:
+        scale: float32, one a channel.
+        gamma: float32, one a channel.
+        variance: float32, one a channel.
+        epsilon: a float32 scalar, that of the batch normalisation.
+        multiplier: a float32 scalar.
+        name: of the operator.
+
+    Returns:
+        float32, one a channel.
+    """
+    return _ops.kest_fuse_batch_norm(
+        scale=scale, gamma=gamma, variance=variance, epsilon=epsilon, multiplier=multiplier, name=name
+    )
+
+
+def dmq_balance_factors(activations, weights, migration_strength=0.5, activation_axis=-1, weight_axis=-2, name=None):
+    """DMQ: a factor for each input channel, by which its activations are to be divided and its weights multiplied.
+
+    The largest magnitude of its activations ^ migration_strength / that of its weights ^ (1 - migration_strength).
+
+    Args:
+        activations: float32 of known rank, not empty.
+        weights: float32 of known rank, not empty.
+        migration_strength: from 0.2 to 0.8.
+        activation_axis: of the input channels.
+        weight_axis: of the input channels; the default is that of weights with the output channel last.
+        name: of the operator.
+
+    Returns:
+        float32, one an input channel.
+    """
+    return _ops.kest_dmq_balance_factors(
+        activations=_channel_first(activations, activation_axis),
+        weights=_channel_first(weights, weight_axis),
+        migration_strength=migration_strength,
+        name=name,
+    )
+
+
+def generate_mask(rows, columns, name=None):
+    """The mask of two axes: 1 where neither the row nor the column is 0, else 0.
+
+    Args:
+        rows: float32 or float64, a vector.
+        columns: the same, not empty.
+        name: of the operator.
+
+    Returns:
+        A matrix of their type, an entry for each pair.
+    """
+    return _ops.kest_generate_mask(rows=rows, columns=columns, name=name)
+
+
+def apply_mask(x, mask, row_axis=-2, column_axis=-1, name=None):
+    """x times the entry of the mask for its places along two axes.
+
+    Args:
+        x: float32 or float64, of rank 1 or more.
+        mask: a matrix of the type of x, as long and wide as the axes; it has no gradient.
+        row_axis: the axis of x along which the rows lie.
+        column_axis: that of the columns.
+        name: of the operator.
+
+    Returns:
+        A tensor of the type and shape of x.
+    """
+    return _ops.kest_apply_mask(x=x, mask=mask, row_axis=row_axis, column_axis=column_axis, name=name)
+
+
+def n_of_m_mask(weights, keep=2, group_size=4, axis=-2, select=None, name=None):
+    """Masks the weights of smallest magnitude in groups of consecutive channels, at each place of the other axes.
+
+    Of equal magnitudes the lower channel is kept; NaN counts as the largest. A last group that is not full is filled up
+    with zeros, which count as pruned first.
+
+    Args:
+        weights: float32 or float64, of rank 1 or more.
+        keep: weights of a group to keep.
+        group_size: channels of a group.
+        axis: of the channels; the default is the input channel of weights with the output channel last.
+        select: of the type of weights, one a channel: those of magnitude 1 and more take part, the others are kept and
+            skipped. All take part by default.
+        name: of the operator.
+
+    Returns:
+        A tensor of the type and shape of weights, 1 where kept, else 0.
+    """
+    weights = tf.convert_to_tensor(weights)
+    if select is None:
+        select = tf.ones(tf.shape(weights)[axis, tf.newaxis], weights.dtype)
+    return _ops.kest_n_of_m_mask(
+        weights=weights, select=select, keep=keep, group_size=group_size, axis=axis, name=name
+    )
+
+
+def channel_prune_mask(tensors, axes, group_sizes, prune_counts, name=None):
+    """Masks the channels whose filters have the smallest L2 norms.
+
+    Each tensor adds its norms, mapped to [0, 1] within each group. Of equal scores the lower channel is pruned first;
+    a NaN score counts as the largest.
+
+    Args:
+        tensors: a list of tensors of the same channels, float32 or float64, not empty.
+        axes: of the channels, one for each tensor.
+        group_sizes: the numbers of consecutive channels that form a group, all channels in total.
+        prune_counts: how many of them to prune, one for each group.
+        name: of the operator.
+
+    Returns:
+        A vector of the type of the tensors, 1 for channels to keep, else 0.
+    """
+    return _ops.kest_channel_prune_mask(
+        tensors=tensors, axes=axes, group_sizes=group_sizes, prune_counts=prune_counts, name=name
+    )
+
+
+def dump(x, directory, tensor_name, batch=0, name=None):
+    """Writes a tensor to the file <directory>/<tensor_name>_batch<batch>.bin, which is replaced.
+
+    In native byte order: the element type as a float (0 float32, 1 float64, 2 int32, 3 float16), the shape as floats,
+    the elements. In a tf.function it runs whether or not anything depends on it.
+
+    Args:
+        x: float32, float64, int32 or float16, any shape.
+        directory: of the file, which has to exist.
+        tensor_name: a Python string.
+        batch: an int32 scalar, not negative.
+        name: of the operator.
+    """
+    _ops.kest_dump(x=x, batch=batch, directory=str(directory), tensor_name=tensor_name, name=name)
+
+
+@tf.RegisterGradient("KestApplyMask")
+def _apply_mask_gradient(op, grad):
+    return apply_mask(grad, op.inputs[1], op.get_attr("row_axis"), op.get_attr("column_axis")), None
+
+
+@tf.RegisterGradient("KestFakeQuantiseWeights")
+def _fake_quantise_weights_gradient(op, grad):
+    weights, learned = op.inputs
+    half = 2.0 ** (op.get_attr("num_bits") - 1)
+    reciprocal = op.get_attr("reciprocal")
+    learned = tf.where(learned < 1e-6, learned + 1e-6, learned)
+    step = 1 / learned if reciprocal else learned
+    quotient = weights / step
+    inside = tf.cast((quotient > -half - 0.5) & (quotient < half - 0.5), tf.float32)
+    to_step = (op.outputs[0] / step - quotient * inside) * grad
+    to_step = tf.reduce_sum(to_step, tf.range(tf.rank(to_step) - 1))
+    return grad * inside, -to_step * step * step if reciprocal else to_step
+
+
+def _channel_first(x, axis):
+    x = tf.convert_to_tensor(x, tf.float32)
+    axes = list(range(x.shape.rank))
+    return tf.transpose(x, [axes.pop(axis), *axes])
