@@ -4,7 +4,6 @@ import dataclasses
 import math
 
 import kest
-import kest.plot
 import numpy as np
 import pytest
 
@@ -61,15 +60,18 @@ def test_arguments_are_checked(call, name):
 
 
 def test_the_plot_shows_the_counts_and_the_clip_range(tmp_path):
+    pytest.importorskip("matplotlib")  # an optional extra of the package
+    from kest import plot
+
     values = kest.hfmg.Histogram(np.array([10, 40, 0, 50], np.uint32), np.arange(5, dtype=np.float32))
-    axes = kest.plot.histogram(values, (0.5, 2.5))  # half of the first bin and all of the last are outside
+    axes = plot.histogram(values, (0.5, 2.5))  # half of the first bin and all of the last are outside
     labels = [text.get_text() for text in axes.get_legend().get_texts()]
     assert labels == ["values", "clipped: 55 % of the values", "clip range: 0.5 to 2.5"]
     np.testing.assert_array_equal(axes.patches[0].get_data().values, values.counts)
     assert [line.get_xdata()[0] for line in axes.lines] == [0.5, 2.5]
     axes.figure.savefig(tmp_path / "histogram.png")
-    assert kest.plot.histogram(values, (0, 1), axes=axes) is axes
+    assert plot.histogram(values, (0, 1), axes=axes) is axes
     constant = kest.hfmg.Calibrator(num_bins=8)
     constant.add(np.zeros(5, np.float32))
-    axes = kest.plot.histogram(constant.histogram(), constant.factors().clip_range())
+    axes = plot.histogram(constant.histogram(), constant.factors().clip_range())
     assert "clipped: 0 % of the values" in axes.get_legend().get_texts()[1].get_text()
