@@ -48,7 +48,7 @@ def test_an_asymmetric_grid_reaches_both_ends():
 
 
 @pytest.mark.parametrize("call, error, status, line", [
-    (lambda: kest.arq.calibrate(np.array([1, np.nan], np.float32)), kest.BadParamError, -65530, "[ERROR][CheckArqParams]"),
+    (lambda: kest.arq.calibrate(np.array([1, np.nan], "f")), kest.BadParamError, -65530, "[ERROR][CheckArqParams]"),
     (lambda: kest.arq.calibrate(np.ones(2), 1), kest.BadParamError, -65530, "[ERROR][CheckArqParams]"),
     (lambda: kest.arq.calibrate(np.array([[1], [np.inf]])), kest.ScaleError, -65519, "[ERROR][ProcessScale]"),
 ])
@@ -75,8 +75,12 @@ def test_arrays_are_checked():
     factors = kest.arq.calibrate(good, channel_axis=-1)
     with pytest.raises(ValueError, match=r"shape \(4,\)"):
         kest.arq.codes(good, factors)
-    good.flags.writeable = False
-    kest.arq.codes(good, factors, channel_axis=-1)
+    for array in (good, factors.scale, factors.offset):
+        array.flags.writeable = False
+    kest.arq.codes(good, factors, np.uint8(8), channel_axis=-1)
+    for num_bits, error in ((16, ValueError), (np.float32(3.9), TypeError), ("8", TypeError), (-1, ValueError)):
+        with pytest.raises(error, match="num_bits has to be"):
+            kest.arq.codes(good, factors, num_bits, channel_axis=-1)
 
 
 def test_threads_have_their_own_results_and_log_lines():

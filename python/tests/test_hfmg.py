@@ -88,3 +88,9 @@ def test_threads_may_share_a_calibrator():
         thread.join()
     assert len(sums) == 100 and not any(sums)
     assert calibrator.histogram().counts.sum() == 100 * batch.size
+
+
+def test_counts_of_bins_do_not_wrap_around():
+    calibrator = kest.hfmg.Calibrator(num_bins=np.uint8(255))
+    calibrator.add(np.arange(1000, dtype=np.float32))
+    assert calibrator.histogram().edges.shape == (256,)

@@ -83,7 +83,6 @@ def factors_of(*args, values=(1.0, 2.0), **keywords):
     (lambda: factors_of(values=(np.nan,)), kest.BadParamError, "Exist NaN"),
     (lambda: factors_of(32), kest.BadParamError, "numBits = 32"),
     (lambda: factors_of(step=0), kest.BadParamError, "step = 0"),
-    (lambda: factors_of(max_percentile=1.5), kest.ScaleError, "maxSize > length"),
     (lambda: factors_of(1, with_offset=False), kest.KestError, "maxLimit"),
     (lambda: kest.ifmr.fake_quantise(np.ones(2), kest.ActivationFactors(0, 0)), kest.ScaleError, "scale value"),
     (lambda: kest.ifmr.percentile_bounds(np.ones(0)), kest.BadParamError, "no data"),
@@ -106,3 +105,11 @@ def test_arrays_are_checked():
         calibrator.add(np.ones(1, np.float32))
     with pytest.raises(TypeError, match="dtype has to be float32 or float64"):
         kest.ifmr.Calibrator(dtype=np.float16)
+
+
+@pytest.mark.parametrize("percentile", [0, -1, 1.5, np.nan])
+def test_percentiles_are_checked(percentile):
+    for call in (lambda: kest.ifmr.Calibrator(max_percentile=percentile),
+                 lambda: kest.ifmr.percentile_bounds(np.ones(3), min_percentile=percentile)):
+        with pytest.raises(ValueError, match="a percentile has to be"):
+            call()

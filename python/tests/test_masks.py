@@ -66,7 +66,6 @@ def test_what_the_kernels_reject():
     (lambda v: kest.masks.n_of_m(v, 2, 4, axis=2), "axis"),
     (lambda v: kest.masks.n_of_m(v, 2, 0, axis=0), "group_size"),
     (lambda v: kest.masks.n_of_m(v, 2, 2**24, axis=0, selected=np.ones(6, bool)), "selected"),
-    (lambda v: kest.masks.n_of_m(np.ones((2, 128), f32), 2, 2**24, axis=0), "group_size"),
     (lambda v: kest.masks.n_of_m(v, -1, 4, axis=0), "keep"),
     (lambda v: kest.masks.from_rows_and_columns(v, v), "rows and columns"),
     (lambda v: kest.masks.apply(v, v, row_axis=0, column_axis=-2), "row_axis and column_axis"),

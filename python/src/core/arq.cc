@@ -44,12 +44,14 @@ void FakeQuantiseLast(const Output<T>& weights, unsigned int numBits, const Outp
 }
 
 template <typename T>
-void Codes(const Input<T>& weights, unsigned int numBits, const Output<float>& scale, const Output<int>& offset,
+void Codes(const Input<T>& weights, unsigned int numBits, const Input<float>& scale, const Input<int>& offset,
            const Output<int8_t>& codes) {
     Run("arq.codes", [&] {
-        // It takes a pointer to weights that may change, but only reads them.
-        return KestCommon::ArqQuantReal(const_cast<T*>(weights.data()), Length(weights), Param(numBits, scale, true),
-                                        View(scale), View(offset), reinterpret_cast<char*>(codes.data()));
+        // It takes pointers to what may change, but only reads weights and factors.
+        return KestCommon::ArqQuantReal(
+            const_cast<T*>(weights.data()), Length(weights), {numBits, scale.size() > 1, true},
+            {Length(scale), const_cast<float*>(scale.data())}, {Length(offset), const_cast<int*>(offset.data())},
+            reinterpret_cast<char*>(codes.data()));
     });
 }
 

@@ -8,8 +8,9 @@ void Translate(const std::exception_ptr& exception, void* /*payload*/) {
         std::rethrow_exception(exception);
     } catch (const StatusError& error) {
         try {
-            const nb::object raised = nb::module_::import_("kest._errors")
-                                          .attr("error_of")(error.status, error.step.c_str(), error.log.c_str());
+            const nb::object raised =
+                nb::module_::import_("kest._errors")
+                    .attr("error_of")(error.status, error.step.c_str(), nb::bytes(error.log.data(), error.log.size()));
             PyErr_SetObject(raised.type().ptr(), raised.ptr());
         } catch (nb::python_error& failure) {
             failure.restore();

@@ -29,7 +29,8 @@ public:
     void Read(const Output<unsigned int>& counts, const Output<T>& edges) {
         Run("hfmg.Calibrator.histogram", [&] {
             const std::lock_guard<std::mutex> lock(mutex_);
-            if (bins_.empty()) return EMPTY_CONTAINER_ERROR;
+            if (bins_.empty() || counts.size() < bins_.size() || edges.size() <= bins_.size())
+                return EMPTY_CONTAINER_ERROR;
             edges.data()[0] = bins_[0].lowerBound;
             for (std::size_t i = 0; i < bins_.size(); ++i) {
                 counts.data()[i] = bins_[i].count;

@@ -7,6 +7,7 @@ import numpy as np
 import numpy.typing as npt
 
 from kest._arrays import checked
+from kest._tensors import checked_int
 
 _LARGEST_LENGTH = 2**32 - 1
 
@@ -20,7 +21,7 @@ class ActivationFactors:
 
     def clip_range(self, num_bits: int = 8) -> tuple[float, float]:
         """The smallest and the largest value of the signed grid of `num_bits` bits."""
-        half = 2 ** (num_bits - 1)
+        half = 2 ** (checked_int("num_bits", num_bits, 1, 32) - 1)
         return self.scale * (-half - self.offset), self.scale * (half - 1 - self.offset)
 
 
@@ -29,7 +30,7 @@ class FactorArrays:
 
     def __init__(self, factors: ActivationFactors = ActivationFactors(0, 0)) -> None:
         self.scale = np.array([factors.scale], np.float32)
-        self.offset = np.array([factors.offset], np.int32)
+        self.offset = np.array([checked_int("offset", factors.offset, -(2**31))], np.int32)
 
     def factors(self) -> ActivationFactors:
         return ActivationFactors(float(self.scale[0]), int(self.offset[0]))

@@ -49,5 +49,5 @@ _CLASSES: dict[int, type[KestError]] = {
 }
 
 
-def error_of(status: int, step: str, log: str) -> KestError:
-    return _CLASSES.get(status, KestError)(status, step, log)
+def error_of(status: int, step: str, log: bytes) -> KestError:
+    return _CLASSES.get(status, KestError)(status, step, log.decode(errors="backslashreplace"))

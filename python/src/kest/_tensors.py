@@ -1,13 +1,30 @@
 """Tensors and their axes, as kernels with 32-bit lengths take them."""
 
 import math
-from typing import Any
+import operator
+from typing import Any, SupportsIndex
 
 import numpy.typing as npt
 
 from kest._arrays import checked
 
 _MAX_INT = 2**31 - 1
+
+
+def checked_int(name: str, value: SupportsIndex, low: int, high: int = _MAX_INT) -> int:
+    """`value` as Python's own integer, which does not wrap around.
+
+    Raises:
+        TypeError: it is no whole number by its type.
+        ValueError: it is outside low to high.
+    """
+    try:
+        number = operator.index(value)
+    except TypeError:
+        raise TypeError(f"{name} has to be a whole number, not {type(value).__name__}") from None
+    if not low <= number <= high:
+        raise ValueError(f"{name} has to be {low} to {high}, not {number}")
+    return number
 
 
 def checked_tensor(name: str, array: npt.NDArray[Any], *dtypes: npt.DTypeLike) -> npt.NDArray[Any]:

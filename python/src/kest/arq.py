@@ -7,6 +7,7 @@ import numpy.typing as npt
 
 from kest import _core
 from kest._channels import Float, number_of_channels, one_a_channel, to_first, to_last
+from kest._tensors import checked_int
 
 
 @dataclass(frozen=True)
@@ -38,7 +39,7 @@ def calibrate(
     """
     num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
     factors = _new_factors(num_channels)
-    _core.arq_calibrate(weights, num_bits, with_offset, channel_last, factors.scale, factors.offset)
+    _core.arq_calibrate(weights, checked_int("num_bits", num_bits, 0), bool(with_offset), channel_last, factors.scale, factors.offset)
     return factors
 
 
@@ -58,7 +59,7 @@ def fake_quantise(
     if channel_last:
         _core.arq_fake_quantise_last(values, num_bits, factors.scale, factors.offset)
     else:
-        _core.arq_fake_quantise_first(values, num_bits, with_offset, factors.scale, factors.offset)
+        _core.arq_fake_quantise_first(values, num_bits, bool(with_offset), factors.scale, factors.offset)
     return values, factors
 
 
@@ -68,14 +69,14 @@ def codes(
     """The codes round(weight / scale) + offset of weights on a grid of up to 8 bits, in their shape.
 
     Raises:
-        BadParamError: no weights, NaN among them, a bit width out of range.
+        BadParamError: no weights, NaN among them.
         ScaleError: an infinite scale or one above 2^23.
-        ValueError: factors that do not fit the channels.
+        ValueError: a bit width above 8 or below 2; factors that do not fit the channels.
     """
     num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
     one_a_channel("scale", factors.scale, np.float32, num_channels)
     one_a_channel("offset", factors.offset, np.int32, num_channels)
     first = to_first(weights, channel_last)
     found = np.empty(first.shape, np.int8)
-    _core.arq_codes(first, num_bits, factors.scale, factors.offset, found)
+    _core.arq_codes(first, checked_int("num_bits", num_bits, 2, 8), factors.scale, factors.offset, found)
     return to_last(found, channel_last)

@@ -5,7 +5,7 @@ import numpy.typing as npt
 
 from kest import _core
 from kest._arrays import checked
-from kest._tensors import axis_of, checked_tensor
+from kest._tensors import axis_of, checked_int, checked_tensor
 
 
 def _channels(
@@ -90,8 +90,9 @@ def dequantise(
     """
     checked_tensor("values", values, np.float32)
     count, stride = _channels(values, channel_axis, "words", checked("words", words, np.uint64))
-    if input_multiplier == 0 or not -(2**31) <= input_multiplier < 2**31:
-        raise ValueError(f"input_multiplier has to be a 32-bit integer other than 0, not {input_multiplier}")
+    input_multiplier = checked_int("input_multiplier", input_multiplier, -(2**31))
+    if input_multiplier == 0:
+        raise ValueError("input_multiplier has to be other than 0")
     found = np.empty_like(values)
     _core.deployed_dequantise(values, words, count, stride, input_multiplier, found)
     return found

@@ -14,6 +14,7 @@ import numpy.typing as npt
 
 from kest import _core
 from kest._arrays import checked
+from kest._tensors import checked_int
 
 _DTYPES: list[np.dtype[Any]] = [np.dtype(name) for name in ("float32", "float64", "int32", "float16")]
 
@@ -39,8 +40,7 @@ def write(directory: str | os.PathLike[str], name: str, batch: int, values: npt.
     shape = np.array(values.shape, np.float32)
     if values.size >= 2**32 or any(int(entry) != n for entry, n in zip(shape, values.shape)):
         raise ValueError(f"values has to have fewer than 2^32 elements and dimensions exact in float32: {values.shape}")
-    if not 0 <= batch < 2**32:
-        raise ValueError(f"batch has to be 0 to 2^32 - 1, not {batch}")
+    batch = checked_int("batch", batch, 0, 2**32 - 1)
     path = Path(directory) / f"{name}_batch{batch}.bin"
     if "\0" in str(path):
         raise ValueError("directory and name have to be without null characters")

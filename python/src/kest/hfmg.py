@@ -8,6 +8,7 @@ import numpy.typing as npt
 
 from kest import _core
 from kest._activation import ActivationFactors, FactorArrays, checked_values, float_dtype
+from kest._tensors import checked_int
 
 __all__ = ["ActivationFactors", "Calibrator", "Histogram", "activation_arq"]
 
@@ -25,11 +26,6 @@ class Histogram:
 
     counts: npt.NDArray[np.uint32]
     edges: npt.NDArray[Any]
-
-
-def _check_num_bits(num_bits: int) -> None:
-    if not 2 <= num_bits <= 31:
-        raise ValueError("num_bits has to be 2 to 31")
 
 
 class Calibrator:
@@ -56,15 +52,12 @@ class Calibrator:
             num_bins: 1 to 2^31 - 1.
             dtype: that of the batches, float32 or float64.
         """
-        _check_num_bits(num_bits)
-        if not 1 <= num_bins < 2**31:
-            raise ValueError("num_bins has to be 1 to 2^31 - 1")
-        self._num_bits = num_bits
-        self._with_offset = with_offset
-        self._num_bins = num_bins
+        self._num_bits = checked_int("num_bits", num_bits, 2, 31)
+        self._with_offset = bool(with_offset)
+        self._num_bins = checked_int("num_bins", num_bins, 1)
         self._dtype = float_dtype(dtype)
         single = self._dtype == np.float32
-        self._bins: Any = (_core.HfmgBinsFloat if single else _core.HfmgBinsDouble)(num_bins)
+        self._bins: Any = (_core.HfmgBinsFloat if single else _core.HfmgBinsDouble)(self._num_bins)
 
     def add(self, batch: npt.NDArray[Float]) -> None:
         """Counts a batch: any shape.
@@ -114,7 +107,7 @@ def activation_arq(
     Raises:
         ScaleError: a scale that is infinite or above 2^23.
     """
-    _check_num_bits(num_bits)
+    num_bits = checked_int("num_bits", num_bits, 2, 31)
     if not minimum <= maximum:
         raise ValueError("minimum has to be at most maximum")
     found = FactorArrays()

@@ -22,6 +22,12 @@ class Bounds:
     maximum: float
 
 
+def _check_percentiles(*percentiles: float) -> None:
+    for percentile in percentiles:
+        if not 0 < percentile <= 1:
+            raise ValueError(f"a percentile has to be in (0, 1], not {percentile}")
+
+
 class Calibrator:
     """Keeps a copy of every batch until it is asked for the factors.
 
@@ -51,6 +57,7 @@ class Calibrator:
             min_percentile: the share of values at or above the lower bound, in (0, 1].
             dtype: that of the batches, float32 or float64.
         """
+        _check_percentiles(max_percentile, min_percentile)
         self._settings = (num_bits, with_offset, start_ratio, end_ratio, step, max_percentile, min_percentile)
         self._dtype = float_dtype(dtype)
         self._batches: list[npt.NDArray[Any]] = [np.empty(0, self._dtype)]
@@ -71,7 +78,7 @@ class Calibrator:
 
         Raises:
             BadParamError: no values, NaN among them, a bit width or a grid of ratios out of range.
-            ScaleError: a percentile above 1, a scale that is infinite or above 2^23.
+            ScaleError: a scale that is infinite or above 2^23.
             KestError: a width of 0 or 1 bits.
         """
         found = FactorArrays()
@@ -109,9 +116,10 @@ def percentile_bounds(
 
     Raises:
         BadParamError: no values, NaN among them.
-        ScaleError: a percentile above 1.
+        ValueError: a percentile outside (0, 1].
     """
     checked_values("values", values, np.float32, np.float64)
+    _check_percentiles(max_percentile, min_percentile)
     bounds = np.empty(2, values.dtype)
     _core.ifmr_percentile_bounds(values, max_percentile, min_percentile, bounds)
     return Bounds(*bounds.tolist())

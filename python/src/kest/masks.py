@@ -1,6 +1,5 @@
 """Masks of weights: 1 where kept, 0 where pruned."""
 
-import operator
 from typing import TypeVar
 
 import numpy as np
@@ -8,7 +7,7 @@ import numpy.typing as npt
 
 from kest import _core
 from kest._arrays import checked
-from kest._tensors import axis_of, checked_tensor
+from kest._tensors import axis_of, checked_int, checked_tensor
 
 Float = TypeVar("Float", np.float32, np.float64)
 
@@ -47,16 +46,16 @@ def n_of_m(
     num_channels, stride = axis_of("axis", values, axis)
     if num_channels > _MAX_CHANNELS:
         raise ValueError("axis has to have at most 2^24 channels")
-    if not 1 <= group_size <= _MAX_CHANNELS:
-        raise ValueError(f"group_size has to be 1 to 2^24, not {group_size}")
-    if keep < 0:
-        raise ValueError(f"keep has to be 0 or more, not {keep}")
+    group_size = checked_int("group_size", group_size, 1, _MAX_CHANNELS)
+    keep = checked_int("keep", keep, 0)
     if selected is None:
         selected = np.ones(num_channels, np.bool_)
     elif checked("selected", selected, np.bool_).shape != (num_channels,):
         raise ValueError(f"selected has to have the shape ({num_channels},), not {selected.shape}")
-    group_size = operator.index(group_size)  # numpy's would wrap around below
-    num_groups = -(-np.count_nonzero(selected) // group_size)
+    chosen = selected.astype(values.dtype)  # a copy that no other thread changes
+    num_selected = int(np.count_nonzero(chosen))
+    group_size = min(group_size, max(1, num_selected))  # the zeros that would fill up a group go last
+    num_groups = -(-num_selected // group_size)
     outer = values.size // max(1, num_channels * stride)
     workspace_size = outer * num_groups * group_size * stride
     if workspace_size > 2**31 - 1:
@@ -65,7 +64,7 @@ def n_of_m(
     workspace = np.empty(workspace_size, values.dtype)
     shape = (outer, num_channels, stride)
     _core.masks_n_of_m(
-        values, selected.astype(values.dtype), workspace, shape, min(keep, group_size), group_size, mask
+        values, chosen, workspace, shape, min(keep, group_size), group_size, mask
     )
     return mask
 

@@ -7,7 +7,7 @@ import numpy.typing as npt
 
 from kest import _core
 from kest._channels import Float, number_of_channels, one_a_channel, to_first, to_last
-from kest._tensors import checked_tensor
+from kest._tensors import checked_int, checked_tensor
 
 
 @dataclass(frozen=True)
@@ -37,11 +37,12 @@ def quantise(
 
     Args:
         weights: float32 or float64, any shape, finite.
-        num_clusters: how many integers, 1 or more.
+        num_clusters: how many integers, 1 to 256, all that the grid of 8 bits has.
         num_iterations: rounds that fit scales and offsets to the clusters and cluster anew. More than one round makes
             the clusters of a tensor with a channel of zeros NaN if none of them is 0.
         channel_axis: 0 or -1; None for one scale and offset.
-        with_offset: an asymmetric grid; without it offsets are 0.
+        with_offset: an asymmetric grid. The result is near the weights only where the offsets come out near 0, which
+            weights on both sides of 0 give; without it offsets are 0.
 
     Returns:
         The weights, a new array of their type, and the factors.
@@ -52,14 +53,14 @@ def quantise(
         ValueError: num_clusters or channel_axis out of range.
     """
     num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
-    if not 1 <= num_clusters < 2**31:
-        raise ValueError("num_clusters has to be 1 to 2^31 - 1")
+    num_clusters = checked_int("num_clusters", num_clusters, 1, 256)
+    num_iterations = checked_int("num_iterations", num_iterations, -(2**31))
     factors = Factors(
         np.zeros(num_channels, np.float32), np.zeros(num_channels, np.int32), np.zeros(num_clusters, np.int32)
     )
     first = to_first(weights, channel_last)
     values = np.empty(first.shape, first.dtype)
-    _core.nuq_calibrate(first, num_iterations, with_offset, values, factors.scale, factors.offset, factors.clusters)
+    _core.nuq_calibrate(first, num_iterations, bool(with_offset), values, factors.scale, factors.offset, factors.clusters)
     rows = values.reshape(num_channels, -1)
     rows += factors.offset[:, None].astype(rows.dtype)
     rows *= factors.scale[:, None].astype(rows.dtype)

@@ -8,7 +8,7 @@ import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._tensors import axis_of, checked_tensor
+from kest._tensors import axis_of, checked_int, checked_tensor
 
 Float = TypeVar("Float", np.float32, np.float64)
 
@@ -20,7 +20,7 @@ def prune_count(num_channels: int, ratio: float, *, num_groups: int = 1, align_t
     num_groups, and is at least num_groups.
 
     Args:
-        num_channels: below 2^31.
+        num_channels: up to 2^24, which single precision counts.
         ratio: the share to prune, 0 to 1; in single precision.
         num_groups: 1 to num_channels.
         align_to_16: keep multiples of 16.
@@ -28,11 +28,11 @@ def prune_count(num_channels: int, ratio: float, *, num_groups: int = 1, align_t
     Raises:
         ValueError: arguments out of range.
     """
-    if not 1 <= num_groups <= num_channels < 2**31:
-        raise ValueError("num_groups has to be 1 to num_channels, and num_channels below 2^31")
+    num_channels = checked_int("num_channels", num_channels, 1, 2**24)
+    num_groups = checked_int("num_groups", num_groups, 1, num_channels)
     if not 0 <= ratio <= 1:
         raise ValueError(f"ratio has to be 0 to 1, not {ratio}")
-    return _core.prune_count(num_channels, num_groups, ratio, align_to_16)
+    return _core.prune_count(num_channels, num_groups, ratio, bool(align_to_16))
 
 
 def keep_mask(

@@ -7,7 +7,7 @@ import numpy.typing as npt
 
 from kest import _core
 from kest._channels import Float, number_of_channels, one_a_channel
-from kest._tensors import checked_tensor
+from kest._tensors import checked_int, checked_tensor
 
 
 @dataclass(frozen=True)
@@ -56,11 +56,6 @@ class Steps:
     lowest: npt.NDArray[np.float32]
 
 
-def _check_width(num_bits: int) -> None:
-    if not 2 <= num_bits <= 31:
-        raise ValueError(f"num_bits has to be 2 to 31, not {num_bits}")
-
-
 def fake_quantise(
     activations: npt.NDArray[np.float32], bounds: Bounds, num_bits: int = 8
 ) -> tuple[npt.NDArray[np.float32], Grid]:
@@ -80,7 +75,7 @@ def fake_quantise(
     Raises:
         ValueError: num_bits out of range.
     """
-    _check_width(num_bits)
+    num_bits = checked_int("num_bits", num_bits, 2, 31)
     checked_tensor("activations", activations, np.float32)
     values = np.empty(activations.shape, np.float32)
     grid = Grid(*_core.ulq_fake_quantise(activations, bounds.clip_max, bounds.clip_min, num_bits, values))
@@ -96,7 +91,7 @@ def grid_bounds(grid: Grid, num_bits: int = 8) -> Bounds:
     Raises:
         ValueError: num_bits out of 2 to 31, or the offset out of 32 bits.
     """
-    _check_width(num_bits)
+    num_bits = checked_int("num_bits", num_bits, 2, 31)
     if not -(2**31) <= grid.offset < 2**31:
         raise ValueError("offset has to fit 32 bits")
     return Bounds(*_core.ulq_grid_bounds(grid.scale, grid.offset, num_bits))
@@ -162,7 +157,7 @@ def initial_steps(weights: npt.NDArray[np.float32], num_bits: int = 8, *, recipr
     Raises:
         ValueError: weights without an axis, or num_bits out of range.
     """
-    _check_width(num_bits)
+    num_bits = checked_int("num_bits", num_bits, 2, 31)
     highest, lowest, learned = np.zeros((3, _number_of_steps(weights)), np.float32)
     _core.ulq_initial_steps(weights, num_bits, reciprocal, highest, lowest, learned)
     return Steps(learned, highest, lowest)
@@ -185,7 +180,7 @@ def fake_quantise_weights(
     Raises:
         ValueError: learned does not fit the channels, weights without an axis, or num_bits out of range.
     """
-    _check_width(num_bits)
+    num_bits = checked_int("num_bits", num_bits, 2, 31)
     one_a_channel("learned", learned, np.float32, _number_of_steps(weights))
     values = np.empty(weights.shape, np.float32)
     _core.ulq_fake_quantise_weights(weights, learned, num_bits, reciprocal, values)
