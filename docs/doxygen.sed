@@ -4,7 +4,7 @@
 s|^    (int\|void) operator\(\)\(|/** What the structure tells. */ &|
 # Nor are these names of their own; Doxygen takes them for undocumented ones.
 s/^extern template .*|^    using Data::AddData;//
-# Headings get the anchors that links name them by.
+# The README's headings get the anchors that links name them by.
 /^## /{
   h
   s/^## //
