@@ -27,15 +27,15 @@ namespace kest_tf {
 
 /// The kind of a node. Kinds up to FIELD_RECORD are written as a brace block.
 enum FieldType : unsigned int {
-    FIELD_MESSAGE = 1,
-    FIELD_RECORD = 2,
-    FIELD_STRING = 3,
-    FIELD_FLOAT = 4,
-    FIELD_FLOAT_LIST = 5,
-    FIELD_INT = 6,
-    FIELD_INT_LIST = 7,
-    FIELD_UINT64_LIST = 8,
-    FIELD_BOOL = 9
+    FIELD_MESSAGE = 1,      ///< a file, or the value of a record
+    FIELD_RECORD = 2,       ///< an entry of a file
+    FIELD_STRING = 3,       ///< a text
+    FIELD_FLOAT = 4,        ///< a float
+    FIELD_FLOAT_LIST = 5,   ///< a repeated float
+    FIELD_INT = 6,          ///< an int
+    FIELD_INT_LIST = 7,     ///< a repeated int
+    FIELD_UINT64_LIST = 8,  ///< a repeated unsigned 64-bit integer
+    FIELD_BOOL = 9          ///< a bool
 };
 
 /// A node of the tree. What a class does not override does nothing and succeeds.
