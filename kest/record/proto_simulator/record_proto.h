@@ -17,9 +17,9 @@
 ///
 ///     file:    record { } and prune_record { }, any number; the content of a prune_record is not interpreted
 ///     record:  key: string, value { }
-///     value:   scale_d: float, offset_d: int, scale_w: float*, offset_w: int*, shift_bit: unsigned long*, cluster:
-///     int*,
-///              skip_fusion: bool, dst_type: string, tensor_balance_factor: float*      (* repeated, one item a line)
+///     value:   scale_d: float, offset_d: int, scale_w: float*, offset_w: int*, shift_bit: unsigned long*,
+///              cluster: int*, skip_fusion: bool, dst_type: string, tensor_balance_factor: float*
+///              (* repeated, one item a line)
 ///
 /// Fields come in any order; the last occurrence of a scalar decides, and so does the last key or value of a record (a
 /// second value block replaces the first). A scalar field may be written as a block and prune_record as a scalar, and
