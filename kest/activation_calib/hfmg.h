@@ -8,52 +8,54 @@
 #include <utility>
 #include <vector>
 
-// HFMG: one scale and one offset for an activation tensor from a histogram, so that any number of batches can be seen
-// without keeping them. Each batch is counted into bins of one width; a batch that widens the range has the bins so far
-// counted anew into the wider ones. After the last batch the sparse tails are trimmed bin by bin into a row of
-// candidate clip ranges, and the one with the smallest squared error wins, values taken as spread evenly inside their
-// bin. (Clip ranges by least squared error: Choukroun et al., "Low-bit Quantization of Neural Networks for Efficient
-// Inference", 2019.) Activation ARQ is the same scale and offset from a minimum and a maximum.
-//
-//   with offset     range [min(0, minimum), max(0, maximum)], scale = range / (2^numBits - 1),
-//                   offset = -2^(numBits - 1) - round(minimum / scale)
-//   without offset  bound the larger of maximum and minimum by magnitude, offset 0,
-//                   scale = |bound| / (2^(numBits - 1) - 1) if bound > 0, / 2^(numBits - 1) otherwise
-//
-// A scale below 2^-52 becomes 1. Offsets saturate at 32 bits; NaN gives 0. numBits is 2 to 31 for a useful result;
-// others are defined: with 0 or 1 the scale may be 1, infinite, NaN or |bound| * 2^52.
-//
-// NaN values are passed over in the search for minimum and maximum; a batch without any number has both at 0, or, added
-// to a histogram, leaves its range alone. NaN counts in bin 0, and with an infinite value in the batch, or a range
-// beyond the largest T, all values do, for then no bin can be computed: the bounds become infinite or NaN, and the
-// histogram is of no further use. The total count is the number of values whatever they are.
-//
-// Counts are 32-bit and wrap: a bin holds at most 2^32 - 1 values over all batches.
-//
-// Everything runs on the caller's thread and prints nothing (but for ProcessScale's line in ActArqCalibration).
-// Templates exist for T = float and double. n is the number of bins of a histogram.
+/// \file
+/// HFMG: one scale and one offset for an activation tensor from a histogram, so that any number of batches can be seen
+/// without keeping them. Each batch is counted into bins of one width; a batch that widens the range has the bins so
+/// far counted anew into the wider ones. After the last batch the sparse tails are trimmed bin by bin into a row of
+/// candidate clip ranges, and the one with the smallest squared error wins, values taken as spread evenly inside their
+/// bin. (Clip ranges by least squared error: Choukroun et al., "Low-bit Quantization of Neural Networks for Efficient
+/// Inference", 2019.) Activation ARQ is the same scale and offset from a minimum and a maximum.
+///
+///     with offset     range [min(0, minimum), max(0, maximum)], scale = range / (2^numBits - 1),
+///                     offset = -2^(numBits - 1) - round(minimum / scale)
+///     without offset  bound the larger of maximum and minimum by magnitude, offset 0,
+///                     scale = |bound| / (2^(numBits - 1) - 1) if bound > 0, / 2^(numBits - 1) otherwise
+///
+/// A scale below 2^-52 becomes 1. Offsets saturate at 32 bits; NaN gives 0. numBits is 2 to 31 for a useful result;
+/// others are defined: with 0 or 1 the scale may be 1, infinite, NaN or |bound| * 2^52.
+///
+/// NaN values are passed over in the search for minimum and maximum; a batch without any number has both at 0, or,
+/// added to a histogram, leaves its range alone. NaN counts in bin 0, and with an infinite value in the batch, or a
+/// range beyond the largest T, all values do, for then no bin can be computed: the bounds become infinite or NaN, and
+/// the histogram is of no further use. The total count is the number of values whatever they are.
+///
+/// Counts are 32-bit and wrap: a bin holds at most 2^32 - 1 values over all batches.
+///
+/// Everything runs on the caller's thread and prints nothing (but for ProcessScale's line in ActArqCalibration).
+/// Templates exist for T = float and double. n is the number of bins of a histogram.
 
 namespace KestCommon {
 
 /// The values in [lowerBound, upperBound).
 template <typename T>
 struct DataBin {
-    unsigned int count;
-    T lowerBound;
-    T upperBound;
+    unsigned int count;  ///< number of values counted
+    T lowerBound;        ///< belongs to the bin
+    T upperBound;        ///< belongs to the next bin
 };
 
 /// One batch, only read.
 template <typename T>
 struct InputData {
-    unsigned int length;
-    T* data;
+    unsigned int length;  ///< number of values
+    T* data;              ///< the values
 };
 
+/// How an activation tensor is calibrated.
 struct KEST_EXPORT HfmgAlgoParam {
-    unsigned int numBits;
-    bool withOffset;
-    unsigned int numBins;  // not read here
+    unsigned int numBits;  ///< width of the grid
+    bool withOffset;       ///< asymmetric
+    unsigned int numBins;  ///< not read here
 };
 
 /// Appends `numBins` bins that span the batch, and counts it into them.
@@ -120,19 +122,20 @@ KEST_EXPORT int ActArqCalibration(T minValue, T maxValue, const util::FloatData&
 
 namespace KestTfOp {
 
+/// How an activation tensor is calibrated, as framework operators pass it.
 struct KEST_EXPORT HfmgParam {
-    unsigned int numBits;
-    bool withOffset;
-    unsigned int numBins;  // of every histogram
+    unsigned int numBits;  ///< width of the grid
+    bool withOffset;       ///< asymmetric
+    unsigned int numBins;  ///< of every histogram
 };
 
 /// Where the results go: one value each.
 template <typename T>
 struct HfmgDataQuantParam {
-    float* scale;     // published on success only
-    int* offset;      // published on success only
-    float* calScale;  // written by KestCommon::HfmgCompute
-    int* calOffset;
+    float* scale;     ///< published on success only
+    int* offset;      ///< published on success only
+    float* calScale;  ///< written by KestCommon::HfmgCompute
+    int* calOffset;   ///< written by KestCommon::HfmgCompute
 };
 
 template <typename Device, typename T>

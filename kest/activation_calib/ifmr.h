@@ -8,38 +8,42 @@
 #include <cstdint>
 #include <vector>
 
-// IFMR: one scale and one offset for an activation tensor, from all values seen over several batches. Two percentiles
-// bound the values; of a grid of ratios of the bound, the clip range whose fake-quantised values have the smallest
-// mean squared error wins. (Minimising that error over clip ranges: Choukroun et al., "Low-bit Quantization of Neural
-// Networks for Efficient Inference", 2019.)
-//
-//   with offset     range [minimum, ratio * maximum], scale = range / (2^numBits - 1),
-//                   offset = -round(minimum / scale) - 2^(numBits - 1)
-//   without offset  range [-ratio * bound, ratio * bound], bound the larger of maximum and |minimum|, offset 0,
-//                   scale = ratio * bound / (2^(numBits - 1) - 1) if the maximum is larger, / 2^(numBits - 1) otherwise
-//
-// A scale below 2^-23 (2^-52 while searching double data) becomes 1: values that are all tiny end up with scale 1.
+/// \file
+/// IFMR: one scale and one offset for an activation tensor, from all values seen over several batches. Two percentiles
+/// bound the values; of a grid of ratios of the bound, the clip range whose fake-quantised values have the smallest
+/// mean squared error wins. (Minimising that error over clip ranges: Choukroun et al., "Low-bit Quantization of Neural
+/// Networks for Efficient Inference", 2019.)
+///
+///     with offset     range [minimum, ratio * maximum], scale = range / (2^numBits - 1),
+///                     offset = -round(minimum / scale) - 2^(numBits - 1)
+///     without offset  range [-ratio * bound, ratio * bound], bound the larger of maximum and |minimum|, offset 0,
+///                     scale = ratio * bound / (2^(numBits - 1) - 1) if the maximum is larger, / 2^(numBits - 1)
+///                     otherwise
+///
+/// A scale below 2^-23 (2^-52 while searching double data) becomes 1: values that are all tiny end up with scale 1.
 
 namespace KestCommon {
 
+/// How an activation tensor is calibrated or fake-quantised.
 struct KEST_EXPORT IfmrParam {
-    unsigned int calibration;  // 0: calibrate; 1: fake-quantise with the given factors
-    unsigned int numBits;      // 2 to 31 (1 with offset)
-    bool withOffset;           // range [minimum, clip]; without: [-clip, clip]
-    float startRatio;          // the grid of clip ratios: startRatio + k * step up to endRatio,
-    float endRatio;            // (endRatio - startRatio) / step + 1 of them in single precision, truncated
-    float step;
-    float maxPercentile;  // the share of values at or below the upper bound, in (0, 1]; 1: the largest value
-    float minPercentile;  // the share of values at or above the lower bound, in (0, 1]; 1: the smallest value
+    unsigned int calibration;  ///< 0: calibrate; 1: fake-quantise with the given factors
+    unsigned int numBits;      ///< 2 to 31 (1 with offset)
+    bool withOffset;           ///< range [minimum, clip]; without: [-clip, clip]
+    float startRatio;          ///< the grid of clip ratios: startRatio + k * step up to endRatio,
+    float endRatio;            ///< (endRatio - startRatio) / step + 1 of them in single precision, truncated
+    float step;                ///< from one ratio to the next
+    float maxPercentile;       ///< the share of values at or below the upper bound, in (0, 1]; 1: the largest value
+    float minPercentile;       ///< the share of values at or above the lower bound, in (0, 1]; 1: the smallest value
 };
 
 /// maxValue >= 0 and minValue <= 0: a range always contains zero.
 template <typename T>
 struct MaxMinValue {
-    T maxValue;
-    T minValue;
+    T maxValue;  ///< the upper bound
+    T minValue;  ///< the lower bound
 };
 
+///@{
 /// Calibrates (ifmrParam.calibration 0): reads data[0 .. length) and writes scale.data[0] and offset.data[0]. Or
 /// fake-quantises (1): rewrites data[0 .. length) with scale.data[0] and offset.data[0] as x = (code - offset) * scale,
 /// code = clamp(round(x / scale) + offset) on the signed grid of numBits bits; the rounded quotient saturates to 32
@@ -75,6 +79,7 @@ KEST_EXPORT int IfmrQuant(float* data, unsigned int length, const IfmrParam& ifm
                           const util::IntData& offset);
 KEST_EXPORT int IfmrQuant(double* data, unsigned int length, const IfmrParam& ifmrParam, const util::FloatData& scale,
                           const util::IntData& offset);
+///@}
 
 /// Bounds `data` (only read) by two percentiles. With the rank length - floor(length * percentile), 1 for a percentile
 /// of exactly 1, maxValue is the value of that rank from the top, or 0 if it is negative, and minValue that from the
@@ -93,14 +98,14 @@ namespace kest_tf {
 
 /// KestCommon::IfmrParam as framework operators pass it.
 struct KEST_EXPORT IfmrParam {
-    unsigned int calibration;
-    unsigned int numBits;
-    bool withOffset;
-    float startRatio;
-    float endRatio;
-    float step;
-    float maxPercentile;
-    float minPercentile;
+    unsigned int calibration;  ///< 0: calibrate; 1: fake-quantise with the given factors
+    unsigned int numBits;      ///< width of the grid
+    bool withOffset;           ///< asymmetric
+    float startRatio;          ///< first clip ratio
+    float endRatio;            ///< last clip ratio
+    float step;                ///< from one ratio to the next
+    float maxPercentile;       ///< of the upper bound
+    float minPercentile;       ///< of the lower bound
 };
 
 }  // namespace kest_tf
@@ -110,18 +115,18 @@ namespace KestTfOp {
 /// The values of one batch and all values so far. Owned by the caller, alive from the first batch to the last.
 template <typename T>
 struct InputParam {
-    std::vector<T> accumulated;  // every value of every batch so far, in order
-    std::int64_t length;         // values in this batch
-    const T* input;              // this batch
+    std::vector<T> accumulated;  ///< every value of every batch so far, in order
+    std::int64_t length;         ///< values in this batch
+    const T* input;              ///< this batch
 };
 
 /// Where the results go: one value each.
 template <typename T>
 struct DataQuantParam {
-    float* scale;     // published on success only
-    int* offset;      // published on success only
-    float* calScale;  // written by the calibration
-    int* calOffset;
+    float* scale;     ///< published on success only
+    int* offset;      ///< published on success only
+    float* calScale;  ///< written by the calibration
+    int* calOffset;   ///< written by the calibration
 };
 
 template <typename Device, typename T>

@@ -1,6 +1,9 @@
 #ifndef KEST_KERNEL_FRAME_LOG_CAPTURE_H_
 #define KEST_KERNEL_FRAME_LOG_CAPTURE_H_
 
+/// \file
+/// The log lines of calls as text.
+
 #include <kest/kernel_frame/log_sink.h>
 
 #include <cstdio>
@@ -25,7 +28,7 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
     ~LogCapture() { current = outer_; }
 
-    std::string lines;
+    std::string lines;  ///< the lines of this capture so far, each as it would have been printed
 
 private:
     static bool Hook() {

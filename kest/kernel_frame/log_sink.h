@@ -1,6 +1,9 @@
 #ifndef KEST_KERNEL_FRAME_LOG_SINK_H_
 #define KEST_KERNEL_FRAME_LOG_SINK_H_
 
+/// \file
+/// Where log lines go.
+
 #include <kest/kernel_frame/export.h>
 
 namespace util {

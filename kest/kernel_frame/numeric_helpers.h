@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
-// Half precision, shapes and balance factors. A half is the bit pattern of an IEEE 754 binary16 value: a sign bit, five
-// exponent bits with bias 15, ten fraction bits. Everything runs on the caller's thread.
+/// \file
+/// Half precision, shapes and balance factors. A half is the bit pattern of an IEEE 754 binary16 value: a sign bit,
+/// five exponent bits with bias 15, ten fraction bits. Everything runs on the caller's thread.
 
 namespace util {
 

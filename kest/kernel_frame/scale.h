@@ -1,6 +1,9 @@
 #ifndef KEST_KERNEL_FRAME_SCALE_H_
 #define KEST_KERNEL_FRAME_SCALE_H_
 
+/// \file
+/// Scales and offsets made fit for use.
+
 #include <kest/kernel_frame/export.h>
 #include <kest/kernel_frame/status.h>
 #include <kest/kernel_frame/views.h>
@@ -32,6 +35,7 @@ KEST_EXPORT void Clip(T& value, int low, int high);
 
 }  // namespace KestCommon
 
+/// What framework operators call: functors over the algorithms, and updates of the record file.
 namespace KestTfOp {
 
 template <typename Device, typename T>

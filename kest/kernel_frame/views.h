@@ -3,21 +3,23 @@
 
 #include <kest/kernel_frame/export.h>
 
-// The arrays of a call. All of them are borrowed for the call: nothing here allocates, copies or frees. The order of
-// the fields is part of the binary interface.
+/// \file
+/// The arrays of a call. All of them are borrowed for the call: nothing here allocates, copies or frees. The order of
+/// the fields is part of the binary interface.
 
+/// The parts that all kernels share.
 namespace util {
 
 /// `length` single-precision scales. Scales are float whatever the element type of the data.
 struct KEST_EXPORT FloatData {
-    unsigned int length;
-    float* data;
+    unsigned int length;  ///< number of scales
+    float* data;          ///< the scales
 };
 
 /// `length` offsets, in codes.
 struct KEST_EXPORT IntData {
-    unsigned int length;
-    int* data;
+    unsigned int length;  ///< number of offsets
+    int* data;            ///< the offsets
 };
 
 /// Device tag of every functor template: the work runs on the host.
@@ -25,22 +27,23 @@ struct KEST_EXPORT ThreadPoolDevice {};
 
 }  // namespace util
 
+/// The algorithms, over raw pointers.
 namespace KestCommon {
 
 /// A weight tensor of `length` elements with `channelNum` per-channel scales.
 template <typename T>
 struct Input {
-    T* data;
-    int length;
-    int channelNum;
+    T* data;         ///< the weights
+    int length;      ///< number of elements
+    int channelNum;  ///< number of channels
 };
 
 /// Where a weight kernel puts its results.
 template <typename T>
 struct Output {
-    T* data;       // fake-quantised weights, as many as the input has
-    float* scale;  // channelNum scales
-    int* offset;   // channelNum offsets
+    T* data;       ///< fake-quantised weights, as many as the input has
+    float* scale;  ///< channelNum scales
+    int* offset;   ///< channelNum offsets
 };
 
 }  // namespace KestCommon

@@ -8,60 +8,65 @@
 #include <cstdint>
 #include <string>
 
-// The four operators between the integer and the floating-point stages of a deployed model, simulated on the host:
-// quantise, dequantise, anti-quantise and weight anti-quantise. Each maps `length` elements to as many floats in single
-// precision, parallel with OpenMP's default team, and returns 0. Arrays are borrowed for the call and hold `length`
-// elements; nothing happens for `length` below 1. Float inputs may be the output array.
-//
-// Dequantise and weight anti-quantise have factors for each channel. Element i takes those of channel
-//
-//   0                                                     without channelWise
-//   i mod channelNum                                      channelWise: the channel is the last axis
-//   (i mod (channelNum * innerSize)) / innerSize          channelWise and channelFirst: innerSize elements follow it
-//
-// channelNum and innerSize below 1 count as 1 there.
+/// \file
+/// The four operators between the integer and the floating-point stages of a deployed model, simulated on the host:
+/// quantise, dequantise, anti-quantise and weight anti-quantise. Each maps `length` elements to as many floats in
+/// single precision, parallel with OpenMP's default team, and returns 0. Arrays are borrowed for the call and hold
+/// `length` elements; nothing happens for `length` below 1. Float inputs may be the output array.
+///
+/// Dequantise and weight anti-quantise have factors for each channel. Element i takes those of channel
+///
+///     0                                                     without channelWise
+///     i mod channelNum                                      channelWise: the channel is the last axis
+///     (i mod (channelNum * innerSize)) / innerSize          channelWise and channelFirst: innerSize elements follow it
+///
+/// channelNum and innerSize below 1 count as 1 there.
 
 namespace KestTfOp {
 
+/// What quantise reads.
 template <typename T>
 struct QuantInputParam {
-    int length;
-    const T* input;
-    T scale;  // what a value is multiplied by, 1 / step
-    T offset;
-    int numBits;  // at least 1; above 32 as 32
+    int length;      ///< number of elements
+    const T* input;  ///< the values
+    T scale;         ///< what a value is multiplied by, 1 / step
+    T offset;        ///< zero point, in codes
+    int numBits;     ///< at least 1; above 32 as 32
 };
 
+/// What dequantise reads.
 template <typename T>
 struct DequantInputParam {
-    int inputMultiplier;  // k below, not 0
-    int length;
-    const T* input;            // integers
-    const uint64_t* deqScale;  // channelNum words, one without channelWise: bits 0-31 the scale, a float; bits 32-39
-                               // the shift; the rest unread
-    int channelNum;
-    int innerSize;
-    bool channelWise;
-    bool channelFirst;
-    std::string label;  // unread
+    int inputMultiplier;       ///< k below, not 0
+    int length;                ///< number of elements
+    const T* input;            ///< integers
+    const uint64_t* deqScale;  ///< channelNum words, one without channelWise: bits 0-31 the scale, a float; bits 32-39
+                               ///< the shift; the rest unread
+    int channelNum;            ///< number of channels
+    int innerSize;             ///< elements behind the channel axis, for channelFirst
+    bool channelWise;          ///< factors for each channel
+    bool channelFirst;         ///< the channel is not the last axis
+    std::string label;         ///< unread
 };
 
+/// What anti-quantise reads.
 template <typename T>
 struct AntiQuantInputParam {
-    int length;
-    const T* input;
-    T scale;
+    int length;      ///< number of elements
+    const T* input;  ///< the values
+    T scale;         ///< what they are multiplied by
 };
 
+/// What weight anti-quantise reads.
 template <typename T>
 struct WeightQuantInputParam {
-    int length;
-    const signed char* weight;
-    const signed char* offset;  // channelNum entries, one without channelWise
-    int innerSize;
-    int channelNum;
-    bool channelWise;
-    bool channelFirst;
+    int length;                 ///< number of elements
+    const signed char* weight;  ///< the codes
+    const signed char* offset;  ///< channelNum entries, one without channelWise
+    int innerSize;              ///< elements behind the channel axis, for channelFirst
+    int channelNum;             ///< number of channels
+    bool channelWise;           ///< an offset for each channel
+    bool channelFirst;          ///< the channel is not the last axis
 };
 
 template <typename Device, typename T>

@@ -7,28 +7,30 @@
 
 #include <vector>
 
-// Softmax over rows of D = dims[axis] consecutive elements with a polynomial in place of the exponential:
-//
-//   p(d) = b * d^3 + (a * d^2 + (d + 1))    d = x - the row's maximum, 0 for d <= threshold
-//   out = p / the row's sum of p
-//
-// a = 1/2 and b = 1/6 are the Taylor series of exp; p is then negative below d = -1.596, so that a lower threshold can
-// turn the order of the outputs around. For float, d and d + 1 are in single precision
-// and the rest is in double, rounded once; both outer steps are fused multiply-adds, and d^3 is the correctly rounded
-// cube. Sums are in T, in index order. NaN makes its row NaN.
-//
-// The elements after the last whole row are left alone, and nothing happens where `axis` is outside `dims` or D is
-// below 1. With a threshold of 0 or more every p may be 0, and the row NaN. T = float, double.
+/// \file
+/// Softmax over rows of D = dims[axis] consecutive elements with a polynomial in place of the exponential:
+///
+///     p(d) = b * d^3 + (a * d^2 + (d + 1))    d = x - the row's maximum, 0 for d <= threshold
+///     out = p / the row's sum of p
+///
+/// a = 1/2 and b = 1/6 are the Taylor series of exp; p is then negative below d = -1.596, so that a lower threshold can
+/// turn the order of the outputs around. For float, d and d + 1 are in single precision
+/// and the rest is in double, rounded once; both outer steps are fused multiply-adds, and d^3 is the correctly rounded
+/// cube. Sums are in T, in index order. NaN makes its row NaN.
+///
+/// The elements after the last whole row are left alone, and nothing happens where `axis` is outside `dims` or D is
+/// below 1. With a threshold of 0 or more every p may be 0, and the row NaN. T = float, double.
 
 namespace KestTfOp {
 
+/// The polynomial and the rows.
 struct KEST_EXPORT SoftmaxParam {
-    float coeffSquare;  // a
-    float coeffCube;    // b
-    float threshold;    // negative
-    int axis;
-    int length;  // elements, a multiple of D
-    std::vector<int> dims;
+    float coeffSquare;      ///< a
+    float coeffCube;        ///< b
+    float threshold;        ///< negative
+    int axis;               ///< whose dimension is D
+    int length;             ///< elements, a multiple of D
+    std::vector<int> dims;  ///< dimensions of the tensor
 };
 
 template <typename Device, typename T>
@@ -40,6 +42,7 @@ template <>
 struct KEST_EXPORT FastSoftmaxFunctor<util::ThreadPoolDevice, float> {
     int operator()(const float* in, float* out, SoftmaxParam& param) const;
 };
+/// The same for double.
 template <>
 struct KEST_EXPORT FastSoftmaxFunctor<util::ThreadPoolDevice, double> {
     int operator()(const double* in, double* out, SoftmaxParam& param) const;

@@ -7,24 +7,26 @@
 
 #include <vector>
 
-// Structured pruning by filter norms (Li et al., "Pruning Filters for Efficient ConvNets", 2017): the output channels
-// of a layer are scored by the L2 norms of the filters that make them, the weakest are pruned. Several tensors may
-// score the same channels: each adds its norms, mapped to [0, 1] within each group of channels. Groups are runs of
-// consecutive channels, pruned one by one.
-//
-// A tensor is flat; element i belongs to channel (i / innerJump) mod K, with innerJump elements a channel behind the
-// channel axis and K = numChannels. Sums are formed a whole channel at a time in index order, so that they are the same
-// for any number of threads. Equal scores go by the lower channel; NaN scores count as the strongest, so that such a
-// channel is kept and seen. T = float, double.
+/// \file
+/// Structured pruning by filter norms (Li et al., "Pruning Filters for Efficient ConvNets", 2017): the output channels
+/// of a layer are scored by the L2 norms of the filters that make them, the weakest are pruned. Several tensors may
+/// score the same channels: each adds its norms, mapped to [0, 1] within each group of channels. Groups are runs of
+/// consecutive channels, pruned one by one.
+///
+/// A tensor is flat; element i belongs to channel (i / innerJump) mod K, with innerJump elements a channel behind the
+/// channel axis and K = numChannels. Sums are formed a whole channel at a time in index order, so that they are the
+/// same for any number of threads. Equal scores go by the lower channel; NaN scores count as the strongest, so that
+/// such a channel is kept and seen. T = float, double.
 
 namespace KestCommon {
 
+/// The channels of a layer, their groups, and how many of each are pruned.
 struct KEST_EXPORT PruneParam {
-    int numChannels;                          // K
-    std::vector<int> auxList;                 // unread
-    int numGroups;                            // G
-    std::vector<unsigned int> groupChannels;  // G sizes, K in total
-    std::vector<unsigned int> groupPruneNum;  // G counts of channels to prune
+    int numChannels;                          ///< K
+    std::vector<int> auxList;                 ///< unread
+    int numGroups;                            ///< G
+    std::vector<unsigned int> groupChannels;  ///< G sizes, K in total
+    std::vector<unsigned int> groupPruneNum;  ///< G counts of channels to prune
 };
 
 /// How many of `numChannels` channels to prune, for a ratio from 0 to 1 and at most numChannels groups: numChannels
@@ -68,6 +70,7 @@ struct KEST_EXPORT ComputeRemainOut<util::ThreadPoolDevice, float> {
     int operator()(std::vector<const float*> inputs, std::vector<int> lengths, std::vector<int> innerJumps,
                    PruneParam param, std::vector<float*> masks) const;
 };
+/// The same for double.
 template <>
 struct KEST_EXPORT ComputeRemainOut<util::ThreadPoolDevice, double> {
     int operator()(std::vector<const double*> inputs, std::vector<int> lengths, std::vector<int> innerJumps,
@@ -80,6 +83,7 @@ template <>
 struct KEST_EXPORT IdentityOutChannel<util::ThreadPoolDevice, float> {
     int operator()(PruneParam& param, std::vector<float*>& inputs, std::vector<float*>& outputs) const;
 };
+/// The same for double.
 template <>
 struct KEST_EXPORT IdentityOutChannel<util::ThreadPoolDevice, double> {
     int operator()(PruneParam& param, std::vector<double*>& inputs, std::vector<double*>& outputs) const;

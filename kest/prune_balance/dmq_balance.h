@@ -7,17 +7,18 @@
 
 #include <vector>
 
-// DMQ balancing: a factor for each input channel of a layer, by which its activations are divided and its weights are
-// multiplied. The product stays, and the two quantisers share the difficulty of the channel's range:
-//
-//   factor = actMax^strength / wtsMax^(1 - strength)
-//
-// with the largest magnitudes of the channel's activations and weights, and a migration strength from 0.2 to 0.8 (Xiao
-// et al., "Accurate and Efficient Post-Training Quantization for Large Language Models", 2023). The factors are
-// computed here, not applied.
-//
-// Activations and weights lie channel by channel: with K channels, channel c owns the length / K elements from
-// c * (length / K) on. Everything runs on the caller's thread.
+/// \file
+/// DMQ balancing: a factor for each input channel of a layer, by which its activations are divided and its weights are
+/// multiplied. The product stays, and the two quantisers share the difficulty of the channel's range:
+///
+///     factor = actMax^strength / wtsMax^(1 - strength)
+///
+/// with the largest magnitudes of the channel's activations and weights, and a migration strength from 0.2 to 0.8 (Xiao
+/// et al., "Accurate and Efficient Post-Training Quantization for Large Language Models", 2023). The factors are
+/// computed here, not applied.
+///
+/// Activations and weights lie channel by channel: with K channels, channel c owns the length / K elements from
+/// c * (length / K) on. Everything runs on the caller's thread.
 
 namespace KestCommon {
 
@@ -45,14 +46,16 @@ KEST_EXPORT void ProcessZeroChannel(std::vector<float>& actMax, std::vector<floa
 
 }  // namespace KestCommon
 
+/// DMQ balancing, as framework operators call it.
 namespace DMQBalancerKernel {
 
+/// What a layer is balanced with.
 struct KEST_EXPORT DMQBalancerParam {
-    float migrationStrength;
-    unsigned int channelNum;
-    unsigned int actLength;
-    unsigned int wtsLength;
-    float* balanceFactorCopy;  // channelNum factors, owned by the caller
+    float migrationStrength;   ///< 0.2 to 0.8
+    unsigned int channelNum;   ///< K
+    unsigned int actLength;    ///< number of activations
+    unsigned int wtsLength;    ///< number of weights
+    float* balanceFactorCopy;  ///< channelNum factors, owned by the caller
 };
 
 template <typename Device, typename T>

@@ -5,9 +5,10 @@
 #include <kest/kernel_frame/status.h>
 #include <kest/kernel_frame/views.h>
 
-// Masks over two axes of a tensor, 1 where a pair of channels is kept and 0 where it is pruned. A mask is a dense
-// row-major array of rowNum * colNum values. Arrays are borrowed for the call; all work is parallel with OpenMP's
-// default team, and nothing happens for `length` below 1. T = float, double.
+/// \file
+/// Masks over two axes of a tensor, 1 where a pair of channels is kept and 0 where it is pruned. A mask is a dense
+/// row-major array of rowNum * colNum values. Arrays are borrowed for the call; all work is parallel with OpenMP's
+/// default team, and nothing happens for `length` below 1. T = float, double.
 
 namespace KestTfOp {
 
@@ -15,20 +16,21 @@ namespace KestTfOp {
 /// For weights with the output channel last and the input channel before it, colStride is 1 and rowStride the number
 /// of output channels.
 struct KEST_EXPORT MaskParam {
-    int length;  // of the tensor
-    int rowStride;
-    int colStride;
-    int rowNum;
-    int colNum;
+    int length;     ///< of the tensor
+    int rowStride;  ///< elements from one row to the next
+    int colStride;  ///< elements from one column to the next
+    int rowNum;     ///< number of rows
+    int colNum;     ///< number of columns
 };
 
+/// Two copies of a mask.
 template <typename T>
 struct MaskGenParam {
-    int rowNum;  // unread
-    int colNum;
-    int length;    // rowNum * colNum
-    T* outMask;    // the mask handed to the graph
-    T* savedMask;  // and the caller's own, kept between calls
+    int rowNum;    ///< unread
+    int colNum;    ///< number of columns
+    int length;    ///< rowNum * colNum
+    T* outMask;    ///< the mask handed to the graph
+    T* savedMask;  ///< and the caller's own, kept between calls
 };
 
 template <typename Device, typename T>
@@ -44,6 +46,7 @@ template <>
 struct KEST_EXPORT GenerateMask<util::ThreadPoolDevice, float> {
     int operator()(const float* rowMask, const float* colMask, MaskGenParam<float> param) const;
 };
+/// The same for double.
 template <>
 struct KEST_EXPORT GenerateMask<util::ThreadPoolDevice, double> {
     int operator()(const double* rowMask, const double* colMask, MaskGenParam<double> param) const;
@@ -54,6 +57,7 @@ template <>
 struct KEST_EXPORT IdentityMask<util::ThreadPoolDevice, float> {
     int operator()(MaskGenParam<float> param) const;
 };
+/// The same for double.
 template <>
 struct KEST_EXPORT IdentityMask<util::ThreadPoolDevice, double> {
     int operator()(MaskGenParam<double> param) const;
@@ -65,6 +69,7 @@ template <>
 struct KEST_EXPORT MaskOut<util::ThreadPoolDevice, float> {
     int operator()(MaskParam param, const float* mask, const float* data, float* out) const;
 };
+/// The same for double.
 template <>
 struct KEST_EXPORT MaskOut<util::ThreadPoolDevice, double> {
     int operator()(MaskParam param, const double* mask, const double* data, double* out) const;

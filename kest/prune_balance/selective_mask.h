@@ -7,18 +7,21 @@
 
 #include <vector>
 
-// N-of-M masks along one axis of a weight tensor (Mishra et al., "Accelerating Sparse Deep Neural Networks", 2021): of
-// every M consecutive selected channels, at each position of the other axes, the N of largest magnitude are kept.
-// Equal magnitudes keep the lower index; NaN counts as larger than every number, so that it is kept and seen.
-// T = float, double.
+/// \file
+/// N-of-M masks along one axis of a weight tensor (Mishra et al., "Accelerating Sparse Deep Neural Networks", 2021): of
+/// every M consecutive selected channels, at each position of the other axes, the N of largest magnitude are kept.
+/// Equal magnitudes keep the lower index; NaN counts as larger than every number, so that it is kept and seen.
+/// T = float, double.
 
+/// N-of-M masks, as framework operators call them.
 namespace SelectiveMaskGenKernel {
 
+/// How many weights are kept, and along which axis.
 struct KEST_EXPORT SelectivePruneParam {
-    unsigned int axis;                // of the channels, in `shape`
-    unsigned int groupSize;           // M
-    unsigned int keepNum;             // N; M and more keep all
-    std::vector<unsigned int> shape;  // outermost first
+    unsigned int axis;                ///< of the channels, in `shape`
+    unsigned int groupSize;           ///< M
+    unsigned int keepNum;             ///< N; M and more keep all
+    std::vector<unsigned int> shape;  ///< outermost first
 };
 
 /// shape[from] * ... * shape[to - 1] modulo 2^32; 1 for from >= to. `to` is at most the number of dimensions.
@@ -49,6 +52,7 @@ struct KEST_EXPORT ComputeMask<util::ThreadPoolDevice, float> {
     int operator()(const float* data, const float* channelSelect, float* gathered, SelectivePruneParam param,
                    float* mask) const;
 };
+/// The same for double.
 template <>
 struct KEST_EXPORT ComputeMask<util::ThreadPoolDevice, double> {
     int operator()(const double* data, const double* channelSelect, double* gathered, SelectivePruneParam param,
@@ -60,6 +64,7 @@ template <>
 struct KEST_EXPORT IdentityMask<util::ThreadPoolDevice, float> {
     int operator()(unsigned int n, const float* in, float* out) const;
 };
+/// The same for double.
 template <>
 struct KEST_EXPORT IdentityMask<util::ThreadPoolDevice, double> {
     int operator()(unsigned int n, const double* in, double* out) const;

@@ -9,20 +9,21 @@
 
 #include <string>
 
-// Storing calibration results in a record file, one layer at a time.
-//
-// Each update reads the whole file, changes the first record whose key is `layerName`, or appends one, and writes the
-// file back in canonical form (record_writer.h); all other fields keep their values. The file must exist and may be
-// empty. Lists are replaced whole: a length of 0 or less leaves none. Arrays are borrowed and must have the stated
-// lengths; nothing is checked. With white space or an odd number of double quotes in a layer name or dstType the file
-// cannot be read back: the next update fails. An empty layer name matches nothing and appends a record each time.
-// Infinite and NaN values are stored as inf and nan, which read back as 0.
-//
-// Updates exclude each other within the process, and may be called from any thread; other processes are not kept out.
-//
-// STATUS_OK; RECORD_PATH_ERROR (no such file), RECORD_OPEN_ERROR (it cannot be read or written), RECORD_UNKNOWN_FIELD
-// and RECORD_DATA_ERROR (it holds what the parser rejects; or an allocation failed). The file is unchanged after each
-// of them, and after a std::bad_alloc. Nothing is printed.
+/// \file
+/// Storing calibration results in a record file, one layer at a time.
+///
+/// Each update reads the whole file, changes the first record whose key is `layerName`, or appends one, and writes the
+/// file back in canonical form (record_writer.h); all other fields keep their values. The file must exist and may be
+/// empty. Lists are replaced whole: a length of 0 or less leaves none. Arrays are borrowed and must have the stated
+/// lengths; nothing is checked. With white space or an odd number of double quotes in a layer name or dstType the file
+/// cannot be read back: the next update fails. An empty layer name matches nothing and appends a record each time.
+/// Infinite and NaN values are stored as inf and nan, which read back as 0.
+///
+/// Updates exclude each other within the process, and may be called from any thread; other processes are not kept out.
+///
+/// STATUS_OK; RECORD_PATH_ERROR (no such file), RECORD_OPEN_ERROR (it cannot be read or written), RECORD_UNKNOWN_FIELD
+/// and RECORD_DATA_ERROR (it holds what the parser rejects; or an allocation failed). The file is unchanged after each
+/// of them, and after a std::bad_alloc. Nothing is printed.
 
 namespace KestTfOp {
 
@@ -30,6 +31,7 @@ namespace KestTfOp {
 /// this header. Its count is 1 while no update runs and 0 while one does; it is never destroyed.
 class KEST_EXPORT Initializer {
 public:
+    /// The one of the process.
     // Out of line in every module, this library included, so that all of them can share one.
     __attribute__((noinline)) KEST_EXPORT static Initializer& GetInstance() {
         static Initializer instance;
@@ -38,8 +40,8 @@ public:
     Initializer(const Initializer&) = delete;
     Initializer& operator=(const Initializer&) = delete;
 
-    sem_t semaphore;
-    bool reserved = false;  // part of the layout; nothing reads it
+    sem_t semaphore;        ///< counts 1 or 0
+    bool reserved = false;  ///< part of the layout; nothing reads it
 
 private:
     // The guard of `instance` lets nobody wait before the count is set.

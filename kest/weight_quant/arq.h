@@ -5,40 +5,43 @@
 #include <kest/kernel_frame/status.h>
 #include <kest/kernel_frame/views.h>
 
-// ARQ: uniform min/max quantisation of weights, one scale and one offset per output channel.
-//
-//   x ~ scale * (code - offset),  code = clamp(round(x / scale) + offset, low, high)
-//
-// where [low, high] is the signed grid of numBits bits ([-128, 127] for 8) and halves round away from zero.
-// Symmetric: the larger extreme of a channel lands on the end of the grid, offset 0. Asymmetric: the range from
-// min(0, minimum) to max(0, maximum) covers the grid, and zero is a code (up to 22 bits; beyond that the rounding of
-// scale and offset can push it one step off the grid). This is the affine scheme of Jacob et al., "Quantization and
-// Training of Neural Networks for Efficient Integer-Arithmetic-Only Inference" (2018).
-//
-// A scale below 2^-23 becomes 1, so a channel whose values are all tiny (1e-6 at 8 bits) fake-quantises to 0.
-//
-// Everything here runs on the caller's thread and allocates nothing; calls on different arrays may run at once.
-// Templates exist for T = float and double. K is scale.length, the number of channels.
+/// \file
+/// ARQ: uniform min/max quantisation of weights, one scale and one offset per output channel.
+///
+///     x ~ scale * (code - offset),  code = clamp(round(x / scale) + offset, low, high)
+///
+/// where [low, high] is the signed grid of numBits bits ([-128, 127] for 8) and halves round away from zero.
+/// Symmetric: the larger extreme of a channel lands on the end of the grid, offset 0. Asymmetric: the range from
+/// min(0, minimum) to max(0, maximum) covers the grid, and zero is a code (up to 22 bits; beyond that the rounding of
+/// scale and offset can push it one step off the grid). This is the affine scheme of Jacob et al., "Quantization and
+/// Training of Neural Networks for Efficient Integer-Arithmetic-Only Inference" (2018).
+///
+/// A scale below 2^-23 becomes 1, so a channel whose values are all tiny (1e-6 at 8 bits) fake-quantises to 0.
+///
+/// Everything here runs on the caller's thread and allocates nothing; calls on different arrays may run at once.
+/// Templates exist for T = float and double. K is scale.length, the number of channels.
 
 namespace util {
 
 /// Where the output channel of a weight tensor of L elements and K channels lies; any value but 0 means KH_KW_CI_CO.
 /// (The names spell the axes: output and input channels, kernel height and width.)
 enum WeightFormat : unsigned int {
-    CO_CI_KH_KW = 0,  // channel c owns the L/K elements from c * (L/K) on
-    KH_KW_CI_CO = 1   // element i belongs to channel i mod K
+    CO_CI_KH_KW = 0,  ///< channel c owns the L/K elements from c * (L/K) on
+    KH_KW_CI_CO = 1   ///< element i belongs to channel i mod K
 };
 
 }  // namespace util
 
 namespace KestCommon {
 
+/// How weights are quantised.
 struct KEST_EXPORT ArqParam {
-    unsigned int numBits;  // width of the grid, 2 to 31; entries that check nothing saturate beyond that
-    bool channelWise;      // one scale per channel; false demands exactly one scale. Checked, without another effect
-    bool withOffset;       // asymmetric, with an offset per channel
+    unsigned int numBits;  ///< width of the grid, 2 to 31; entries that check nothing saturate beyond that
+    bool channelWise;      ///< one scale per channel; false demands exactly one scale. Checked, without another effect
+    bool withOffset;       ///< asymmetric, with an offset per channel
 };
 
+///@{
 /// Checks the arguments of a quantisation; writes nothing. In this order, each STATUS_BAD_PARAM with one log line:
 /// `data` null; `length` 0; a NaN in the data (infinities pass); scale.length != offset.length; several scales
 /// although channelWise is false; no scale; K does not divide `length`; numBits below 2; numBits above 31. The scale
@@ -47,6 +50,7 @@ KEST_EXPORT int CheckArqQuantParams(const float* data, unsigned int length, cons
                                     const util::FloatData& scale, const util::IntData& offset);
 KEST_EXPORT int CheckArqQuantParams(const double* data, unsigned int length, const ArqParam& arqParam,
                                     const util::FloatData& scale, const util::IntData& offset);
+///@}
 
 /// Finds the K scales and offsets of `data` (`length` elements, laid out as `format` says).
 ///
@@ -101,12 +105,12 @@ namespace KestTfOp {
 
 /// The factors of a weight tensor and a stored copy of them, K = channelNum entries each, all owned by the caller.
 struct KEST_EXPORT WeightQuantParam {
-    float* scale;
-    int* offset;
-    float* scaleStore;
-    int* offsetStore;
-    int channelNum;
-    int numBits;
+    float* scale;       ///< working scales
+    int* offset;        ///< working offsets
+    float* scaleStore;  ///< stored copy of the scales
+    int* offsetStore;   ///< stored copy of the offsets
+    int channelNum;     ///< K
+    int numBits;        ///< width of the grid
 };
 
 template <typename Device, typename T>

@@ -7,28 +7,31 @@
 
 #include <vector>
 
-// NUQ: non-uniform quantisation of weights. A weight is stored as one of K integers shared by the whole tensor:
-//
-//   x ~ scale * (centre + offset)
-//
-// with a scale and an offset for each channel. The 8-bit ARQ calibration (arq.h) maps the weights to its grid,
-// [-128, 127], unrounded; weighted k-means over these values finds the centres (Lloyd 1982; a channel weighs by the
-// square of its scale), seeded greedily as k-means++ does (Arthur and Vassilvitskii, 2007) but at fixed quantiles, so
-// that nothing is random. Rounds of a least-squares refit of scale and offset and a new clustering follow. (Clustered
-// weights: Han et al., "Deep Compression", 2016.)
-//
-// The grid is x / scale + offset, ARQ's code, and the result scale * (centre + offset): with offset they agree only as
-// far as the refits bring the offset near 0.
-//
-// Weights lie as CO_CI_KH_KW of arq.h: channel c owns the L/C elements from c * (L/C) on, C = scale.length. Everything
-// runs on the caller's thread. Memory that runs out leaves as std::bad_alloc. Templates exist for T = float and double.
+/// \file
+/// NUQ: non-uniform quantisation of weights. A weight is stored as one of K integers shared by the whole tensor:
+///
+///     x ~ scale * (centre + offset)
+///
+/// with a scale and an offset for each channel. The 8-bit ARQ calibration (arq.h) maps the weights to its grid,
+/// [-128, 127], unrounded; weighted k-means over these values finds the centres (Lloyd 1982; a channel weighs by the
+/// square of its scale), seeded greedily as k-means++ does (Arthur and Vassilvitskii, 2007) but at fixed quantiles, so
+/// that nothing is random. Rounds of a least-squares refit of scale and offset and a new clustering follow. (Clustered
+/// weights: Han et al., "Deep Compression", 2016.)
+///
+/// The grid is x / scale + offset, ARQ's code, and the result scale * (centre + offset): with offset they agree only as
+/// far as the refits bring the offset near 0.
+///
+/// Weights lie as CO_CI_KH_KW of arq.h: channel c owns the L/C elements from c * (L/C) on, C = scale.length. Everything
+/// runs on the caller's thread. Memory that runs out leaves as std::bad_alloc. Templates exist for T = float and
+/// double.
 
 namespace KestCommon {
 
+/// How weights are clustered.
 struct KEST_EXPORT NuqParam {
-    unsigned int numClusters;  // K, 1 or more
-    bool withOffset;           // asymmetric
-    int numIterations;         // refit rounds; 0 or less: ARQ's factors and the first clustering are the result
+    unsigned int numClusters;  ///< K, 1 or more
+    bool withOffset;           ///< asymmetric
+    int numIterations;         ///< refit rounds; 0 or less: ARQ's factors and the first clustering are the result
 };
 
 /// What a framework's accelerators need; nothing here.
@@ -99,17 +102,17 @@ namespace KestTfOp {
 /// Working factors, a stored copy of them, channelNum entries each, and numClusters published centres; all owned by the
 /// caller.
 struct KEST_EXPORT WeightNuqQuantParam {
-    float* scale;
-    int* offset;
-    void* reserved;  // not read
-    float* scaleStore;
-    int* offsetStore;
-    int* centers;
-    int channelNum;
-    int numBits;
-    int numClusters;
-    int numIterations;
-    bool withOffset;
+    float* scale;       ///< working scales
+    int* offset;        ///< working offsets
+    void* reserved;     ///< not read
+    float* scaleStore;  ///< stored copy of the scales
+    int* offsetStore;   ///< stored copy of the offsets
+    int* centers;       ///< published centres
+    int channelNum;     ///< number of channels
+    int numBits;        ///< width of the grid
+    int numClusters;    ///< K
+    int numIterations;  ///< refit rounds, as in NuqParam
+    bool withOffset;    ///< asymmetric
 };
 
 template <typename Device, typename T>

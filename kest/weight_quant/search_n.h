@@ -7,16 +7,17 @@
 
 #include <vector>
 
-// Shift-bit search: by how many bits N, 1 to 16, a deployed layer shifts its 32-bit accumulators right so that they fit
-// 16 bits. For integers q = round(accumulator / scale) the error of a shift is
-//
-//   sum of (clamp(floor(q / 2^N), -32768, 32767) * 2^N - q)^2
-//
-// and the N with the smallest one wins, the smallest of equal ones. NaN errors never win over the first. Small values
-// get 1. (The search over integer data truncates toward zero instead of flooring.)
-//
-// This is the search for a power-of-two requantisation step by least squared error. No function here can fail. The
-// results do not depend on the number of threads.
+/// \file
+/// Shift-bit search: by how many bits N, 1 to 16, a deployed layer shifts its 32-bit accumulators right so that they
+/// fit 16 bits. For integers q = round(accumulator / scale) the error of a shift is
+///
+///     sum of (clamp(floor(q / 2^N), -32768, 32767) * 2^N - q)^2
+///
+/// and the N with the smallest one wins, the smallest of equal ones. NaN errors never win over the first. Small values
+/// get 1. (The search over integer data truncates toward zero instead of flooring.)
+///
+/// This is the search for a power-of-two requantisation step by least squared error. No function here can fail. The
+/// results do not depend on the number of threads.
 
 namespace KestCommon {
 
@@ -44,29 +45,29 @@ namespace KestTfOp {
 /// 4. Values belong to no channel under another name, with a shape too short for the name, or with a dimension below 1
 /// among those that are read.
 struct KEST_EXPORT Param {
-    std::vector<int> shape;
-    bool channelWise;        // false: all values are of channel 0
-    const char* dataFormat;  // zero-terminated
+    std::vector<int> shape;  ///< dimensions of the tensor, outermost first
+    bool channelWise;        ///< false: all values are of channel 0
+    const char* dataFormat;  ///< zero-terminated
 };
 
 /// The values of one batch and all values so far, owned by the caller. The caller makes the rows, one a channel.
 template <typename T>
 struct SearchnInputParam {
-    std::vector<std::vector<T>> channelData;
-    int length;  // values in this batch
-    T* data;     // this batch, only read
+    std::vector<std::vector<T>> channelData;  ///< a row of all values so far for each channel
+    int length;                               ///< values in this batch
+    T* data;                                  ///< this batch, only read
 };
 
 /// Where the results go, and the scales; one entry a channel. The scratch arrays are not used.
 template <typename T>
 struct SearchnQuantParam {
-    bool perTensor;  // one shift for all values together
-    int* shiftBits;
-    T* quantBuffer;       // scratch
-    double* errorBuffer;  // scratch
-    void* reserved;       // not read
-    float* scale;         // accumulator units in one integer
-    float* shiftBitsFloat;
+    bool perTensor;         ///< one shift for all values together
+    int* shiftBits;         ///< the shifts found
+    T* quantBuffer;         ///< scratch
+    double* errorBuffer;    ///< scratch
+    void* reserved;         ///< not read
+    float* scale;           ///< accumulator units in one integer
+    float* shiftBitsFloat;  ///< the shifts found, as floats
 };
 
 /// Writes a shift for each row of channelData to shiftBits, or for all rows together, in order, to shiftBits[0] only

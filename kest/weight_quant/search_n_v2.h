@@ -7,9 +7,10 @@
 
 #include <vector>
 
-// The shift-bit search of search_n.h for any number of batches: instead of the values it keeps, for each channel, the
-// sixteen errors so far. The same measure, each batch's errors summed in T and then added to the table. Everything runs
-// on the caller's thread. T = float and double.
+/// \file
+/// The shift-bit search of search_n.h for any number of batches: instead of the values it keeps, for each channel, the
+/// sixteen errors so far. The same measure, each batch's errors summed in T and then added to the table. Everything
+/// runs on the caller's thread. T = float and double.
 
 namespace KestCommon {
 
@@ -17,9 +18,9 @@ namespace KestCommon {
 /// the shift b + 1.
 template <typename T>
 struct SearchnV2InputParam {
-    std::vector<std::vector<T>> errorTable;
-    int length;  // values in this batch
-    T* data;
+    std::vector<std::vector<T>> errorTable;  ///< the errors so far
+    int length;                              ///< values in this batch
+    T* data;                                 ///< this batch
 };
 
 /// Adds the errors of the rows of channelData to the rows of errorTable, or of all rows, in order, to row 0
@@ -44,19 +45,19 @@ namespace KestTfOp {
 
 /// How the values of a tensor belong to channels, as in Param of search_n.h, and a place for the result.
 struct KEST_EXPORT DataParam {
-    std::vector<int> shape;
-    bool channelWise;
-    const char* dataFormat;
-    float* shiftBitsFloat;  // an entry a channel
+    std::vector<int> shape;  ///< dimensions of the tensor, outermost first
+    bool channelWise;        ///< false: all values are of channel 0
+    const char* dataFormat;  ///< zero-terminated
+    float* shiftBitsFloat;   ///< an entry a channel
 };
 
 /// Where the results go, and the scales; channelNum entries each.
 template <typename T>
 struct SearchnV2QuantParam {
-    bool perTensor;  // one shift for all values together
-    int* shiftBits;
-    float* scale;  // accumulator units in one integer
-    int channelNum;
+    bool perTensor;  ///< one shift for all values together
+    int* shiftBits;  ///< the shifts found
+    float* scale;    ///< accumulator units in one integer
+    int channelNum;  ///< number of channels
 };
 
 template <typename Device, typename T>

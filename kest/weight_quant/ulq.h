@@ -7,12 +7,13 @@
 
 #include <vector>
 
-// ULQ: the forward kernels and gradients of quantisation-aware retraining. Activations are fake-quantised between a
-// learnable maximum and minimum (trained quantisation thresholds: Jain et al., 2020; learned step sizes: Esser et al.,
-// 2020), weights with a learnable step for each output channel, the innermost axis: element i has channel i mod K.
-//
-// Nothing here returns a failure: degenerate bounds and steps are replaced as told below. Values may be NaN or
-// infinite; conversions to integers saturate, NaN gives 0. Everything but Ulq runs on the caller's thread.
+/// \file
+/// ULQ: the forward kernels and gradients of quantisation-aware retraining. Activations are fake-quantised between a
+/// learnable maximum and minimum (trained quantisation thresholds: Jain et al., 2020; learned step sizes: Esser et al.,
+/// 2020), weights with a learnable step for each output channel, the innermost axis: element i has channel i mod K.
+///
+/// Nothing here returns a failure: degenerate bounds and steps are replaced as told below. Values may be NaN or
+/// infinite; conversions to integers saturate, NaN gives 0. Everything but Ulq runs on the caller's thread.
 
 namespace KestCommon {
 
@@ -28,9 +29,9 @@ KEST_EXPORT void Ulq(const T* in, T* out, int length, const util::FloatData& sca
 /// forward pass clips, and the learnable bounds. With the rounding error f of a value in units of the range (of clipMin
 /// for one that is clipped), on a grid of 255 steps whatever the forward pass used:
 ///
-///   above the upper threshold   clipMax += (1 + f) * g   clipMin += -f * g
-///   below the lower threshold   clipMax += f * g         clipMin += (1 - f) * g
-///   else                        clipMax += f * g         clipMin += -f * g
+///     above the upper threshold   clipMax += (1 + f) * g   clipMin += -f * g
+///     below the lower threshold   clipMax += f * g         clipMin += (1 - f) * g
+///     else                        clipMax += f * g         clipMin += -f * g
 ///
 /// Sums are in T, in index order, each step a fused multiply-add. {0, 0} for `length` below 1 or fewer than four
 /// bounds. T = float, double.
@@ -43,11 +44,12 @@ KEST_EXPORT std::vector<T> UlqDiff(const T* in, const T* grad, int length, std::
 template <typename T>
 KEST_EXPORT bool ClipCheck(T& clipMax, T& clipMin, T& clipMaxRecord, T& clipMinRecord);
 
+/// The steps of a weight tensor and how they are learned.
 struct KEST_EXPORT WeightUlqParam {
-    float* scale;  // channelNum steps
-    int channelNum;
-    int numBits;
-    bool reciprocal;  // what is learned is 1 / step
+    float* scale;     ///< channelNum steps
+    int channelNum;   ///< K
+    int numBits;      ///< width of the grid
+    bool reciprocal;  ///< what is learned is 1 / step
 };
 
 /// The extremes of each channel, 0 included, to maxOut and minOut, and the steps with which they just fit the grid to
@@ -76,20 +78,20 @@ namespace KestTfOp {
 /// A tensor and its learnable bounds, one value each.
 template <typename T>
 struct Input {
-    const T* data;
-    int length;
-    T* clipMax;
-    T* clipMin;
+    const T* data;  ///< the tensor, only read
+    int length;     ///< number of elements
+    T* clipMax;     ///< upper bound
+    T* clipMin;     ///< lower bound
 };
 
 /// Where the fake-quantised tensor goes, and one value each of what it was made with.
 template <typename T>
 struct Output {
-    T* data;  // as many as the input has
-    float* scale;
-    int* offset;
-    T* clipMaxOut;
-    T* clipMinOut;
+    T* data;        ///< as many as the input has
+    float* scale;   ///< step of the grid
+    int* offset;    ///< offset of the codes
+    T* clipMaxOut;  ///< upper bound
+    T* clipMinOut;  ///< lower bound
 };
 
 template <typename Device, typename T>
@@ -139,6 +141,7 @@ template <>
 struct KEST_EXPORT GetBatchNum<util::ThreadPoolDevice, float> {
     int operator()(const float& counter, int& batchNum) const;
 };
+/// The same for double.
 template <>
 struct KEST_EXPORT GetBatchNum<util::ThreadPoolDevice, double> {
     int operator()(const double& counter, int& batchNum) const;
@@ -149,6 +152,7 @@ template <>
 struct KEST_EXPORT UpdateBatchNum<util::ThreadPoolDevice, float> {
     int operator()(float& counter) const;
 };
+/// The same for double.
 template <>
 struct KEST_EXPORT UpdateBatchNum<util::ThreadPoolDevice, double> {
     int operator()(double& counter) const;

@@ -8,33 +8,35 @@
 #include <string>
 #include <utility>
 
-// The record file's text and its parser.
-//
-// A file is a sequence of fields: a name, then either a block, `name { fields }`, or a scalar, `name: token `. Space,
-// tab, line feed and carriage return separate; a token ends at, and needs, the separator after it. Braces between
-// double quotes do not count. There are no comments and no escapes.
-//
-//   file:    record { } and prune_record { }, any number; the content of a prune_record is not interpreted
-//   record:  key: string, value { }
-//   value:   scale_d: float, offset_d: int, scale_w: float*, offset_w: int*, shift_bit: unsigned long*, cluster: int*,
-//            skip_fusion: bool, dst_type: string, tensor_balance_factor: float*      (* repeated, one item a line)
-//
-// Fields come in any order; the last occurrence of a scalar decides, and so does the last key or value of a record (a
-// second value block replaces the first). A scalar field may be written as a block and prune_record as a scalar, and
-// what stands between a name and its colon is skipped. Numbers are read as an input stream in the classic locale reads
-// them, whatever locale the process has set: 3.7 is the int 3, a number out of range becomes the nearest limit, -1 the
-// largest unsigned long, no number 0; inf and nan are no numbers. A bool is true for "true" alone. A string is what
-// stands between the first and the last double quote of its token, after a single one, or all of the token.
-//
-// A block parser (Proto and the classes with a schema) reads each occurrence of a field into the field's scratch node
-// and merges that into its target. The order of fields and virtual functions is part of the binary interface.
+/// \file
+/// The record file's text and its parser.
+///
+/// A file is a sequence of fields: a name, then either a block, `name { fields }`, or a scalar, `name: token `. Space,
+/// tab, line feed and carriage return separate; a token ends at, and needs, the separator after it. Braces between
+/// double quotes do not count. There are no comments and no escapes.
+///
+///     file:    record { } and prune_record { }, any number; the content of a prune_record is not interpreted
+///     record:  key: string, value { }
+///     value:   scale_d: float, offset_d: int, scale_w: float*, offset_w: int*, shift_bit: unsigned long*,
+///              cluster: int*, skip_fusion: bool, dst_type: string, tensor_balance_factor: float*
+///              (* repeated, one item a line)
+///
+/// Fields come in any order; the last occurrence of a scalar decides, and so does the last key or value of a record (a
+/// second value block replaces the first). A scalar field may be written as a block and prune_record as a scalar, and
+/// what stands between a name and its colon is skipped. Numbers are read as an input stream in the classic locale reads
+/// them, whatever locale the process has set: 3.7 is the int 3, a number out of range becomes the nearest limit, -1 the
+/// largest unsigned long, no number 0; inf and nan are no numbers. A bool is true for "true" alone. A string is what
+/// stands between the first and the last double quote of its token, after a single one, or all of the token.
+///
+/// A block parser (Proto and the classes with a schema) reads each occurrence of a field into the field's scratch node
+/// and merges that into its target. The order of fields and virtual functions is part of the binary interface.
 
 namespace kest_tf {
 
 /// A parser: of a block, by its schema, or in the leaf classes of one value.
 class KEST_EXPORT Proto {
 public:
-    Proto(std::string name, unsigned long level);
+    Proto(std::string name, unsigned long level);  ///< `level` is the depth of the field in the file.
     Proto(const Proto&) = delete;
     Proto& operator=(const Proto&) = delete;
 
@@ -51,43 +53,47 @@ public:
     /// the failing field stays in `target`.
     virtual int Parse(std::string& text, Data& target);
 
-    std::string name;
-    unsigned long level;
-    std::map<std::string, std::pair<Proto*, Data*>> schema;  // owns parsers and scratch nodes
+    std::string name;                                        ///< the field's name in the file
+    unsigned long level;                                     ///< depth in the file
+    std::map<std::string, std::pair<Proto*, Data*>> schema;  ///< owns parsers and scratch nodes
 };
 
 /// Leaf parsers: read one value from the text (see above) and hand it to the target's AddData. Always STATUS_OK.
 class KEST_EXPORT BoolProto : public Proto {
 public:
-    BoolProto(std::string name, unsigned long level);
+    BoolProto(std::string name, unsigned long level);  ///< as of Proto
     ~BoolProto() override;
     int Parse(std::string& text, Data& target) override;
 };
 
+/// A leaf parser of a float.
 class KEST_EXPORT FloatProto : public Proto {
 public:
-    FloatProto(std::string name, unsigned long level);
+    FloatProto(std::string name, unsigned long level);  ///< as of Proto
     ~FloatProto() override;
     int Parse(std::string& text, Data& target) override;
 };
 
+/// A leaf parser of an int.
 class KEST_EXPORT IntProto : public Proto {
 public:
-    IntProto(std::string name, unsigned long level);
+    IntProto(std::string name, unsigned long level);  ///< as of Proto
     ~IntProto() override;
     int Parse(std::string& text, Data& target) override;
 };
 
+/// A leaf parser of an unsigned 64-bit integer.
 class KEST_EXPORT UnsignedIntProto : public Proto {
 public:
-    UnsignedIntProto(std::string name, unsigned long level);
+    UnsignedIntProto(std::string name, unsigned long level);  ///< as of Proto
     ~UnsignedIntProto() override;
     int Parse(std::string& text, Data& target) override;
 };
 
+/// A leaf parser of a text.
 class KEST_EXPORT StringProto : public Proto {
 public:
-    StringProto(std::string name, unsigned long level);
+    StringProto(std::string name, unsigned long level);  ///< as of Proto
     ~StringProto() override;
     int Parse(std::string& text, Data& target) override;
 };
@@ -95,7 +101,7 @@ public:
 /// Passes the text on as it is.
 class KEST_EXPORT PruneRecord : public Proto {
 public:
-    PruneRecord(std::string name, unsigned long level);
+    PruneRecord(std::string name, unsigned long level);  ///< as of Proto
     ~PruneRecord() override;
     int Parse(std::string& text, Data& target) override;
 };
@@ -103,7 +109,7 @@ public:
 /// The parser of a value block.
 class KEST_EXPORT ValueProto : public Proto {
 public:
-    ValueProto(std::string name, unsigned long level);
+    ValueProto(std::string name, unsigned long level);  ///< as of Proto
     ~ValueProto() override;
     int Init() override;
 };
@@ -111,7 +117,7 @@ public:
 /// The parser of a record.
 class KEST_EXPORT RecordProto : public Proto {
 public:
-    RecordProto(std::string name, unsigned long level);
+    RecordProto(std::string name, unsigned long level);  ///< as of Proto
     ~RecordProto() override;
     int Init() override;
 };
@@ -119,7 +125,7 @@ public:
 /// The parser of a file.
 class KEST_EXPORT InnerProto : public Proto {
 public:
-    InnerProto(std::string name, unsigned long level);
+    InnerProto(std::string name, unsigned long level);  ///< as of Proto
     ~InnerProto() override;
     int Init() override;
 };

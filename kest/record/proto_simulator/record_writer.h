@@ -6,26 +6,27 @@
 
 #include <string>
 
-// Data::Dump, in all classes, gives the canonical form of the record file:
-//
-//   record {
-//     key: "conv1"
-//     value {
-//       scale_d: 0.0392156877
-//       offset_d: -128
-//       scale_w: 0.00249999994
-//       scale_w: 0.100000001
-//     }
-//   }
-//   prune_record {raw text}
-//
-// Two spaces a level, one line a value, a line feed at the end of each; the fields of a value block in their fixed
-// order; all records before all prune records. What has no value is left out: a number or bool by its flag, a string
-// when it is empty (its flag does not count), a block when neither its own flag nor one below it is set (the parser
-// sets the flag of each value block, so an empty one is written back as such). Floats have nine significant digits,
-// printf's %.9g (%f in a plain ListData<float>), which identify each finite one; inf, -inf and nan (of either sign)
-// read back as 0. The locale of the process has no influence. Read back, the text gives the same values, as long as no
-// string holds whitespace or a double quote.
+/// \file
+/// Data::Dump, in all classes, gives the canonical form of the record file:
+///
+///     record {
+///       key: "conv1"
+///       value {
+///         scale_d: 0.0392156877
+///         offset_d: -128
+///         scale_w: 0.00249999994
+///         scale_w: 0.100000001
+///       }
+///     }
+///     prune_record {raw text}
+///
+/// Two spaces a level, one line a value, a line feed at the end of each; the fields of a value block in their fixed
+/// order; all records before all prune records. What has no value is left out: a number or bool by its flag, a string
+/// when it is empty (its flag does not count), a block when neither its own flag nor one below it is set (the parser
+/// sets the flag of each value block, so an empty one is written back as such). Floats have nine significant digits,
+/// printf's %.9g (%f in a plain ListData<float>), which identify each finite one; inf, -inf and nan (of either sign)
+/// read back as 0. The locale of the process has no influence. Read back, the text gives the same values, as long as no
+/// string holds whitespace or a double quote.
 
 namespace kest_tf {
 
