@@ -124,6 +124,28 @@ def arq_weights(weights, num_bits=8, name=None):
     return _ops.kest_arq_weights(weights=weights, num_bits=num_bits, name=name)
 
 
+def nuq_weights(weights, num_clusters=16, with_offset=False, num_iterations=0, name=None):
+    """NUQ of weights: scale * (centre + offset), with integer centres that all weights share.
+
+    The weights on the 8-bit grid of ARQ are clustered, a channel weighing by the square of its scale. Rounds of a
+    least-squares fit of scales and offsets and a new clustering follow.
+
+    Args:
+        weights: float32, of rank 1 or more, not empty, finite; the channels are the last axis.
+        num_clusters: of centres.
+        with_offset: ARQ's grid is asymmetric.
+        num_iterations: rounds.
+        name: of the operator.
+
+    Returns:
+        The fake-quantised weights; the scales, float32, 1 in place of one below 1e-6, and the offsets, int32, one a
+        channel; the centres, int32, in no order.
+    """
+    return _ops.kest_nuq_weights(
+        weights=weights, num_clusters=num_clusters, with_offset=with_offset, num_iterations=num_iterations, name=name
+    )
+
+
 def fake_quantise_weights(weights, steps, num_bits=8, reciprocal=False, name=None):
     """Fake-quantises weights with a learned step for each channel of the last axis.
 
@@ -307,6 +329,25 @@ def dump(x, directory, tensor_name, batch=0, name=None):
     _ops.kest_dump(x=x, batch=batch, directory=str(directory), tensor_name=tensor_name, name=name)
 
 
+def shift_search(x, scale, axis=-1, per_tensor=False, name=None):
+    """The number of bits, 1 to 16, by which accumulators are to be shifted right to fit 16 bits.
+
+    That with the smallest squared error of clamp(floor(q / 2^N)) * 2^N, q = round(x / scale); the smallest of equal
+    ones.
+
+    Args:
+        x: float32, of rank 1 or more, not empty: the accumulators.
+        scale: float32, one a channel: what one integer is worth.
+        axis: of the channels.
+        per_tensor: one shift for all channels together.
+        name: of the operator.
+
+    Returns:
+        int32, one a channel or one for all, a vector.
+    """
+    return _ops.kest_shift_search(x=x, scale=scale, axis=axis, per_tensor=per_tensor, name=name)
+
+
 def record_data(record_file, layer, scale, offset, dst_type="hide", name=None):
     """Writes the activation factors of a layer to a record file, as do the functions below with others.
 
@@ -456,6 +497,48 @@ class IfmrCalibrator(Calibrator):
             max_percentile=max_percentile,
             min_percentile=min_percentile,
         )
+
+
+class ShiftSearcher:
+    """shift_search over batches of accumulators, which it does not keep: each adds the errors of the sixteen shifts.
+
+    The errors are a TensorFlow resource, which behaves as that of a Calibrator. They are summed in single precision.
+    """
+
+    def __init__(self, axis=-1, per_tensor=False):
+        """Starts without an error.
+
+        Args:
+            axis: of the channels.
+            per_tensor: one shift for all channels together.
+        """
+        self._axis = axis
+        self._per_tensor = per_tensor
+        with tf.init_scope(), tf.device("CPU:0"):
+            self._errors = _ops.kest_shift_errors()
+
+    def add(self, x, scale, name=None):
+        """Adds a batch. In a tf.function it does so whether or not anything depends on it.
+
+        Args:
+            x: float32, of rank 1 or more, not empty, of as many channels as those before.
+            scale: float32, one a channel: what one integer is worth.
+            name: of the operator.
+        """
+        _ops.kest_shift_errors_add(
+            errors=self._errors, x=x, scale=scale, axis=self._axis, per_tensor=self._per_tensor, name=name
+        )
+
+    def shift_bits(self, name=None):
+        """The shifts for the batches so far; more may follow.
+
+        Args:
+            name: of the operator.
+
+        Returns:
+            int32, one a channel or one for all, a vector.
+        """
+        return _ops.kest_shift_errors_find(errors=self._errors, per_tensor=self._per_tensor, name=name)
 
 
 @tf.RegisterGradient("KestApplyMask")
