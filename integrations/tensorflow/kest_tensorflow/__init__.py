@@ -171,8 +171,8 @@ def fake_quantise_weights(weights, steps, num_bits=8, reciprocal=False, name=Non
 def ulq(x, clip_max, clip_min, num_bits=8, name=None):
     """ULQ: fake-quantises activations between learned bounds.
 
-    The scale is (clip_max - clip_min) / (2^num_bits - 1) + 1e-6, and the bounds are rounded to multiples of it: clip_min
-    to the nearest one, clip_max to the one 2^num_bits - 1 steps above. Gradients pass to x where it is not clipped.
+    The scale is (clip_max - clip_min) / (2^num_bits - 1) + 1e-6, and the bounds are rounded to multiples of it:
+    clip_min to the nearest one, clip_max to the one 2^num_bits - 1 steps above. Gradients pass to x where it is not clipped.
     Those of the bounds add up, times the gradient, clip_max's f and clip_min's -f for each value, with f its rounding
     error in units of clip_max - clip_min on a grid of 255 steps whatever num_bits is; where x is clipped f is that of
     clip_min, and there is 1 more for the bound that clips.
@@ -439,6 +439,19 @@ class Calibrator:
             The scale, a float32 scalar; the offset, an int32 scalar: code = round(x / scale) + offset.
         """
         return _ops.kest_calibrator_factors(calibrator=self._handle, name=name)
+
+
+class ActivationArqCalibrator(Calibrator):
+    """Activation ARQ: keeps the extremes, zero included; NaN is passed over."""
+
+    def __init__(self, num_bits=8, with_offset=True):
+        """Starts without extremes.
+
+        Args:
+            num_bits: the width of the signed grid, 2 to 31.
+            with_offset: an asymmetric grid; without it the offset is 0, and the larger magnitude counts as positive.
+        """
+        super().__init__(_ops.kest_arq_calibrator, num_bits=num_bits, with_offset=with_offset)
 
 
 class HfmgCalibrator(Calibrator):

@@ -74,6 +74,33 @@ private:
     std::vector<float> values_;
 };
 
+/// The extremes of all batches.
+class ArqCalibrator : public Calibrator {
+public:
+    explicit ArqCalibrator(const KestCommon::HfmgAlgoParam& param) : param_(param) {}
+
+private:
+    int AddLocked(const float* batch, unsigned int length) override {
+        if (length == 0) return EMPTY_INPUT_ERROR;
+        for (unsigned int i = 0; i < length; ++i) {  // not changed by NaN
+            if (batch[i] < min_) min_ = batch[i];
+            if (batch[i] > max_) max_ = batch[i];
+        }
+        hasBatch_ = true;
+        return STATUS_OK;
+    }
+
+    int FactorsLocked(float* scale, int* offset) override {
+        if (!hasBatch_) return EMPTY_CONTAINER_ERROR;
+        return KestCommon::ActArqCalibration<float>(min_, max_, {1, scale}, {1, offset}, param_);
+    }
+
+    const KestCommon::HfmgAlgoParam param_;
+    bool hasBatch_ = false;
+    float min_ = 0;  // a range contains zero
+    float max_ = 0;
+};
+
 /// Makes a calibrator each time that it runs.
 class CalibratorOp : public OpKernel {
 public:
@@ -94,6 +121,16 @@ protected:
 
     int numBits_;
     bool withOffset_;
+};
+
+class ArqCalibratorOp : public CalibratorOp {
+public:
+    using CalibratorOp::CalibratorOp;
+
+private:
+    Calibrator* New() const override {
+        return new ArqCalibrator({static_cast<unsigned int>(numBits_), withOffset_, 0});
+    }
 };
 
 class HfmgCalibratorOp : public CalibratorOp {
@@ -133,6 +170,15 @@ tensorflow::Status ScalarOutput(InferenceContext* context) {
     for (int output = 0; output < context->num_outputs(); ++output) context->set_output(output, context->Scalar());
     return tensorflow::OkStatus();
 }
+
+REGISTER_OP("KestArqCalibrator")
+    .Output("calibrator: resource")
+    .Attr("num_bits: int >= 2 = 8")
+    .Attr("with_offset: bool = true")
+    .SetIsStateful()
+    .SetShapeFn(ScalarOutput)
+    .Doc("A new activation ARQ calibrator, which keeps the extremes.");
+REGISTER_KERNEL_BUILDER(Name("KestArqCalibrator").Device(tensorflow::DEVICE_CPU), ArqCalibratorOp);
 
 REGISTER_OP("KestHfmgCalibrator")
     .Output("calibrator: resource")

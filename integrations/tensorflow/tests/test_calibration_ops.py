@@ -1,5 +1,6 @@
 """Calibration over batches, eager and in graphs that several threads run, against numpy."""
 
+import functools
 import gc
 from concurrent.futures import ThreadPoolExecutor
 
@@ -9,8 +10,7 @@ import pytest
 import tensorflow as tf
 
 Invalid = tf.errors.InvalidArgumentError
-calibrators = [kest.HfmgCalibrator, kest.IfmrCalibrator]
-# The extremes are in the first batch, so that no histogram is widened and the order of the others does not matter.
+calibrators = [kest.ActivationArqCalibrator, kest.HfmgCalibrator, kest.IfmrCalibrator]
 batches = np.random.default_rng(0).uniform(-1, 1, (24, 500)).astype(np.float32)
 batches[0, :2] = [-1.55, 1]
 
@@ -59,21 +59,51 @@ def test_hfmg():
     assert offset == 0 and 0.4 < scale <= 0.5  # 8 codes below zero
 
 
-@pytest.mark.parametrize("make", calibrators)
+def of_batches(make, some):
+    calibrator = make()
+    for batch in some:
+        calibrator.add(batch)
+    return factors_of(calibrator)
+
+
+# To any value, if its range is cut where few bits serve best, or is that of a percentile.
+sensitive = [
+    functools.partial(kest.HfmgCalibrator, 3),
+    functools.partial(kest.IfmrCalibrator, 8, True, 1.0, 1.0, 1.0, 0.9, 0.9),
+    kest.ActivationArqCalibrator,
+]
+
+
+@pytest.mark.parametrize("make", sensitive)
 def test_threads_of_functions(make):
     """Batches that several threads count through one function come to the factors of one thread, none lost."""
-    alone, shared = make(), make()
-    for batch in batches:
-        alone.add(batch)
+    spread = np.linspace(0.5, 3, 24)[:, np.newaxis]
+    normal = np.random.default_rng(1).normal(0, spread, (24, 50_000)).astype(np.float32)
+    normal[0, :2] = [-20, 20]  # so that no histogram is widened and the order of the others does not matter
+    expected = of_batches(make, normal)
+    if make is not kest.ActivationArqCalibrator:
+        for lost in (1, 12, 23):
+            assert of_batches(make, np.delete(normal, lost, 0)) != expected
+    shared = make()
 
     @tf.function
     def see(batch):
         shared.add(batch)
 
-    see(batches[0])
+    see(normal[0])
     with ThreadPoolExecutor(8) as pool:
-        list(pool.map(see, batches[1:]))
-    assert factors_of(shared) == factors_of(alone)
+        list(pool.map(see, normal[1:]))
+    assert factors_of(shared) == expected
+
+
+@pytest.mark.parametrize("with_offset", [False, True])
+def test_activation_arq(with_offset):
+    """The extremes of different batches, zero included; NaN is passed over."""
+    for some in ([[np.nan, 1], [-2, np.nan], [0.5, -1]], [[3, 4], [np.nan, np.nan], [2, 5]]):
+        low, high = min(np.nanmin(some), 0), max(np.nanmax(some), 0)
+        scale = (high - low) / 255 if with_offset else max(high, -low) / 127
+        found = of_batches(lambda: kest.ActivationArqCalibrator(8, with_offset), np.float32(some))
+        np.testing.assert_allclose(found, [scale, -128 - np.rint(low / scale) if with_offset else 0], rtol=1e-6)
 
 
 @pytest.mark.parametrize("make", calibrators)
