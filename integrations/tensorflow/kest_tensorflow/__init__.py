@@ -124,6 +124,28 @@ def arq_weights(weights, num_bits=8, name=None):
     return _ops.kest_arq_weights(weights=weights, num_bits=num_bits, name=name)
 
 
+def nuq_weights(weights, num_clusters=16, with_offset=False, num_iterations=0, name=None):
+    """NUQ of weights: scale * (centre + offset), with integer centres that all weights share.
+
+    The weights on the 8-bit grid of ARQ are clustered, a channel weighing by the square of its scale. Rounds of a
+    least-squares fit of scales and offsets and a new clustering follow.
+
+    Args:
+        weights: float32, of rank 1 or more, not empty, finite; the channels are the last axis.
+        num_clusters: of centres.
+        with_offset: ARQ's grid is asymmetric.
+        num_iterations: rounds.
+        name: of the operator.
+
+    Returns:
+        The fake-quantised weights; the scales, float32, 1 in place of one below 1e-6, and the offsets, int32, one a
+        channel; the centres, int32, in no order.
+    """
+    return _ops.kest_nuq_weights(
+        weights=weights, num_clusters=num_clusters, with_offset=with_offset, num_iterations=num_iterations, name=name
+    )
+
+
 def fake_quantise_weights(weights, steps, num_bits=8, reciprocal=False, name=None):
     """Fake-quantises weights with a learned step for each channel of the last axis.
 
@@ -144,6 +166,29 @@ def fake_quantise_weights(weights, steps, num_bits=8, reciprocal=False, name=Non
     return _ops.kest_fake_quantise_weights(
         weights=weights, steps=steps, num_bits=num_bits, reciprocal=reciprocal, name=name
     )
+
+
+def ulq(x, clip_max, clip_min, num_bits=8, name=None):
+    """ULQ: fake-quantises activations between learned bounds.
+
+    The scale is (clip_max - clip_min) / (2^num_bits - 1) + 1e-6, and the bounds are rounded to multiples of it:
+    clip_min to the nearest one, clip_max to the one 2^num_bits - 1 steps above. Gradients pass to x where it is not clipped.
+    Those of the bounds add up, times the gradient, clip_max's f and clip_min's -f for each value, with f its rounding
+    error in units of clip_max - clip_min on a grid of 255 steps whatever num_bits is; where x is clipped f is that of
+    clip_min, and there is 1 more for the bound that clips.
+
+    Args:
+        x: float32, any shape; NaN stays.
+        clip_max: a float32 scalar, above clip_min.
+        clip_min: a float32 scalar.
+        num_bits: the width of the signed grid, 2 to 31.
+        name: of the operator.
+
+    Returns:
+        The fake-quantised values, float32 of the shape of x; the scale, a float32 scalar, and the offset, an int32
+        scalar, of the codes round(x / scale) + offset, which have no gradients.
+    """
+    return _ops.kest_ulq(x=x, clip_max=clip_max, clip_min=clip_min, num_bits=num_bits, name=name)
 
 
 def fuse_batch_norm(scale, gamma, variance, epsilon=1e-3, multiplier=1.0, name=None):
@@ -284,6 +329,231 @@ def dump(x, directory, tensor_name, batch=0, name=None):
     _ops.kest_dump(x=x, batch=batch, directory=str(directory), tensor_name=tensor_name, name=name)
 
 
+def shift_search(x, scale, axis=-1, per_tensor=False, name=None):
+    """The number of bits, 1 to 16, by which accumulators are to be shifted right to fit 16 bits.
+
+    That with the smallest squared error of clamp(floor(q / 2^N)) * 2^N, q = round(x / scale); the smallest of equal
+    ones.
+
+    Args:
+        x: float32, of rank 1 or more, not empty: the accumulators.
+        scale: float32, one a channel: what one integer is worth.
+        axis: of the channels.
+        per_tensor: one shift for all channels together.
+        name: of the operator.
+
+    Returns:
+        int32, one a channel or one for all, a vector.
+    """
+    return _ops.kest_shift_search(x=x, scale=scale, axis=axis, per_tensor=per_tensor, name=name)
+
+
+def record_data(record_file, layer, scale, offset, dst_type="hide", name=None):
+    """Writes the activation factors of a layer to a record file, as do the functions below with others.
+
+    The file has to exist and may be empty. The record of the layer is changed, or appended if there is none; all else
+    in the file keeps its values. In a tf.function it runs whether or not anything depends on it. Updates exclude each
+    other within the process.
+
+    Args:
+        record_file: a Python string or path.
+        layer: a Python string, without white space and double quotes.
+        scale: a float32 scalar.
+        offset: an int32 scalar.
+        dst_type: a Python string: the type that a new record names, "hide" for none.
+        name: of the operator.
+    """
+    _ops.kest_record_data(
+        scale=scale, offset=offset, record_file=str(record_file), layer=layer, dst_type=dst_type, name=name
+    )
+
+
+def record_weights(record_file, layer, scale, offset, clusters=(), name=None):
+    """Writes the weight factors of a layer to a record file (record_data).
+
+    Args:
+        record_file: a Python string or path.
+        layer: a Python string.
+        scale: float32, one for all channels or one for each.
+        offset: int32, as many.
+        clusters: int32, the centres of NUQ; without them those in the file stay.
+        name: of the operator.
+    """
+    _ops.kest_record_weights(
+        scale=scale, offset=offset, clusters=clusters, record_file=str(record_file), layer=layer, name=name
+    )
+
+
+def record_shift_bits(record_file, layer, shift_bits, name=None):
+    """Writes the shift bits of a layer to a record file (record_data).
+
+    Args:
+        record_file: a Python string or path.
+        layer: a Python string.
+        shift_bits: int32, one for all channels or one for each.
+        name: of the operator.
+    """
+    _ops.kest_record_shift_bits(shift_bits=shift_bits, record_file=str(record_file), layer=layer, name=name)
+
+
+def record_balance_factors(record_file, layer, factors, name=None):
+    """Writes the balance factors of a layer to a record file (record_data).
+
+    Args:
+        record_file: a Python string or path.
+        layer: a Python string.
+        factors: float32, one an input channel.
+        name: of the operator.
+    """
+    _ops.kest_record_balance_factors(factors=factors, record_file=str(record_file), layer=layer, name=name)
+
+
+class Calibrator:
+    """Sees batches of an activation tensor and finds one scale and one offset for all of them.
+
+    What it has seen is a TensorFlow resource, which lives as long as this object or a graph that uses it. Threads may
+    share a calibrator, and call functions that use it. In a tf.function it is used in the order of the program. It can
+    be made within one too: then once, as the function is traced.
+    """
+
+    def __init__(self, operator, **settings):
+        with tf.init_scope(), tf.device("CPU:0"):
+            self._handle = operator(**settings)
+
+    def add(self, batch, name=None):
+        """Sees a batch. In a tf.function it does so whether or not anything depends on it.
+
+        Args:
+            batch: float32, any shape.
+            name: of the operator.
+        """
+        _ops.kest_calibrator_add(calibrator=self._handle, batch=batch, name=name)
+
+    def factors(self, name=None):
+        """The factors of the batches so far; more may follow.
+
+        Args:
+            name: of the operator.
+
+        Returns:
+            The scale, a float32 scalar; the offset, an int32 scalar: code = round(x / scale) + offset.
+        """
+        return _ops.kest_calibrator_factors(calibrator=self._handle, name=name)
+
+
+class ActivationArqCalibrator(Calibrator):
+    """Activation ARQ: keeps the extremes, zero included; NaN is passed over."""
+
+    def __init__(self, num_bits=8, with_offset=True):
+        """Starts without extremes.
+
+        Args:
+            num_bits: the width of the signed grid, 2 to 31.
+            with_offset: an asymmetric grid; without it the offset is 0, and the larger magnitude counts as positive.
+        """
+        super().__init__(_ops.kest_arq_calibrator, num_bits=num_bits, with_offset=with_offset)
+
+
+class HfmgCalibrator(Calibrator):
+    """HFMG: counts every batch into a histogram that widens as it has to, so that batches need not be kept.
+
+    The sparse tails are trimmed bin by bin into a row of clip ranges, of which the one with the smallest squared error
+    wins. An infinite value makes the histogram useless. Counts of bins that widen depend on the order of the batches.
+    """
+
+    def __init__(self, num_bits=8, with_offset=True, num_bins=4096):
+        """Starts without a histogram.
+
+        Args:
+            num_bits: the width of the signed grid, 2 to 31.
+            with_offset: an asymmetric grid; without it the offset is 0.
+            num_bins: those of the histogram.
+        """
+        super().__init__(_ops.kest_hfmg_calibrator, num_bits=num_bits, with_offset=with_offset, num_bins=num_bins)
+
+
+class IfmrCalibrator(Calibrator):
+    """IFMR: keeps a copy of every batch.
+
+    Two percentiles bound the values. Of the clip ranges that a grid of ratios makes of the bound, the one whose
+    fake-quantised values have the smallest mean squared error wins, the first of equal ones.
+    """
+
+    def __init__(
+        self,
+        num_bits=8,
+        with_offset=True,
+        start_ratio=0.7,
+        end_ratio=1.3,
+        step=0.01,
+        max_percentile=0.999999,
+        min_percentile=0.999999,
+    ):
+        """Starts without a value.
+
+        Args:
+            num_bits: the width of the signed grid, 2 to 31.
+            with_offset: an asymmetric grid; without it the offset is 0.
+            start_ratio: the first ratio.
+            end_ratio: the last one, or the end of a step before it.
+            step: from a ratio to the next.
+            max_percentile: the share of values at or below the upper bound, in (0, 1].
+            min_percentile: the share of values at or above the lower bound, in (0, 1].
+        """
+        super().__init__(
+            _ops.kest_ifmr_calibrator,
+            num_bits=num_bits,
+            with_offset=with_offset,
+            start_ratio=start_ratio,
+            end_ratio=end_ratio,
+            step=step,
+            max_percentile=max_percentile,
+            min_percentile=min_percentile,
+        )
+
+
+class ShiftSearcher:
+    """shift_search over batches of accumulators, which it does not keep: each adds the errors of the sixteen shifts.
+
+    The errors are a TensorFlow resource, which behaves as that of a Calibrator. They are summed in single precision.
+    """
+
+    def __init__(self, axis=-1, per_tensor=False):
+        """Starts without an error.
+
+        Args:
+            axis: of the channels.
+            per_tensor: one shift for all channels together.
+        """
+        self._axis = axis
+        self._per_tensor = per_tensor
+        with tf.init_scope(), tf.device("CPU:0"):
+            self._errors = _ops.kest_shift_errors()
+
+    def add(self, x, scale, name=None):
+        """Adds a batch. In a tf.function it does so whether or not anything depends on it.
+
+        Args:
+            x: float32, of rank 1 or more, not empty, of as many channels as those before.
+            scale: float32, one a channel: what one integer is worth.
+            name: of the operator.
+        """
+        _ops.kest_shift_errors_add(
+            errors=self._errors, x=x, scale=scale, axis=self._axis, per_tensor=self._per_tensor, name=name
+        )
+
+    def shift_bits(self, name=None):
+        """The shifts for the batches so far; more may follow.
+
+        Args:
+            name: of the operator.
+
+        Returns:
+            int32, one a channel or one for all, a vector.
+        """
+        return _ops.kest_shift_errors_find(errors=self._errors, per_tensor=self._per_tensor, name=name)
+
+
 @tf.RegisterGradient("KestApplyMask")
 def _apply_mask_gradient(op, grad):
     return apply_mask(grad, op.inputs[1], op.get_attr("row_axis"), op.get_attr("column_axis")), None
@@ -301,6 +571,11 @@ def _fake_quantise_weights_gradient(op, grad):
     to_step = (op.outputs[0] / step - quotient * inside) * grad
     to_step = tf.reduce_sum(to_step, tf.range(tf.rank(to_step) - 1))
     return grad * inside, -to_step * step * step if reciprocal else to_step
+
+
+@tf.RegisterGradient("KestUlq")
+def _ulq_gradient(op, grad, *_):
+    return _ops.kest_ulq_gradient(grad, *op.inputs, *op.outputs[1:], num_bits=op.get_attr("num_bits"))
 
 
 def _channel_first(x, axis):

@@ -1,6 +1,7 @@
 #ifndef KEST_TENSORFLOW_KEST_OPS_H_
 #define KEST_TENSORFLOW_KEST_OPS_H_
 
+#include <kest/kernel_frame/grid.h>
 #include <kest/kernel_frame/log_capture.h>
 #include <kest/kernel_frame/views.h>
 #include <tensorflow/core/framework/op.h>
@@ -51,6 +52,14 @@ tensorflow::Status ScalarOf(const Tensor& tensor, const char* name, T& value) {
     }
     value = tensor.scalar<T>()();
     return tensorflow::OkStatus();
+}
+
+/// The width of a grid whose codes are 32-bit integers.
+inline tensorflow::Status GetNumBits(OpKernelConstruction* context, int& numBits) {
+    TF_RETURN_IF_ERROR(context->GetAttr("num_bits", &numBits));
+    if (numBits <= static_cast<int>(util::kMaxNumBits)) return tensorflow::OkStatus();
+    return tensorflow::errors::InvalidArgument("num_bits is ", numBits, ", at most ", util::kMaxNumBits,
+                                               " are allowed");
 }
 
 /// The channels of a tensor: `count` along one axis, with `inner` elements behind each.

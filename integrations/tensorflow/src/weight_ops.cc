@@ -1,4 +1,3 @@
-#include <kest/kernel_frame/grid.h>
 #include <kest/op_kernels/batch_norm_fusion.h>
 #include <kest/weight_quant/arq.h>
 #include <kest/weight_quant/ulq.h>
@@ -11,14 +10,6 @@
 
 namespace kest_ops {
 namespace {
-
-/// The width of a grid whose codes are 32-bit integers.
-tensorflow::Status GetNumBits(OpKernelConstruction* context, int& numBits) {
-    TF_RETURN_IF_ERROR(context->GetAttr("num_bits", &numBits));
-    if (numBits <= static_cast<int>(util::kMaxNumBits)) return tensorflow::OkStatus();
-    return tensorflow::errors::InvalidArgument("num_bits is ", numBits, ", at most ", util::kMaxNumBits,
-                                               " are allowed");
-}
 
 /// The weights as kest takes them; the kernels only read.
 tensorflow::Status WeightsOf(const Tensor& weights, KestCommon::Input<float>& input) {
