@@ -61,3 +61,8 @@ def test_arguments_that_do_not_fit(call, name):
         call(np.ones((4, 6), np.float32))
     with pytest.raises(TypeError, match="tensors has to be float32"):
         kest.prune.keep_mask([np.ones((4, 6), np.float32), np.ones((4, 6))], [0, 0], [1])
+
+
+def test_counts_are_whole_numbers():
+    with pytest.raises(TypeError):
+        kest.prune.keep_mask([np.ones((4, 3), np.float32)], [0], np.array([1.9], np.float32))

@@ -76,8 +76,9 @@ def keep_mask(
     sizes = [num_channels] if group_sizes is None else [operator.index(size) for size in group_sizes]
     if any(size < 0 for size in sizes) or sum(sizes) != num_channels:
         raise ValueError(f"group_sizes has to have the sum {num_channels}")
-    if len(prune_counts) != len(sizes) or any(not 0 <= n <= size for n, size in zip(prune_counts, sizes)):
+    counts = [operator.index(count) for count in prune_counts]
+    if len(counts) != len(sizes) or any(not 0 <= n <= size for n, size in zip(counts, sizes)):
         raise ValueError("prune_counts has to have an entry for each group, of at most its size")
     mask = np.zeros(num_channels, tensors[0].dtype)
-    _core.prune_keep_mask(list(tensors), strides, sizes, list(prune_counts), np.empty_like(mask), mask)
+    _core.prune_keep_mask(list(tensors), strides, sizes, counts, np.empty_like(mask), mask)
     return mask

@@ -16,6 +16,7 @@ import numpy.typing as npt
 
 from kest import _core
 from kest._arrays import checked
+from kest._tensors import checked_int
 
 Path = str | os.PathLike[str]
 
@@ -272,7 +273,8 @@ def insert_data(file: Path, layer: str, scale: float, offset: int, *, onnx_type:
         KestError: a file that cannot be read or holds nothing; no such layer; a failed write. The file is unchanged.
         ValueError: a layer name that is empty, or holds a blank, a line end, a quote or a NUL.
     """
-    _core.record_insert_data(_path(file), _layer(layer), float(scale), _offset(offset), onnx_type)
+    element_type = checked_int("onnx_type", onnx_type, -(2**31))
+    _core.record_insert_data(_path(file), _layer(layer), float(scale), _offset(offset), element_type)
 
 
 def insert_weights(file: Path, layer: str, scale: float, offset: int) -> None:
