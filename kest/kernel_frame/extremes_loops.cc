@@ -20,7 +20,7 @@ bool ArrayLoops<Isa, T>::HasNan(const T* x, std::size_t n) {
 
 template <typename Isa, typename T>
 Extremes<T> ArrayLoops<Isa, T>::FindExtremes(const T* x, std::size_t n) {
-    typedef T Vector __attribute__((vector_size(64)));
+    typedef T Vector __attribute__((vector_size(KEST_VECTOR_BYTES)));
     constexpr std::size_t kLanes = sizeof(Vector) / sizeof(T);
     Extremes<T> found{static_cast<T>(FLT_MAX), static_cast<T>(-FLT_MAX)};
     if (n < kLanes) {

@@ -16,6 +16,15 @@
 #define KEST_IVDEP _Pragma("GCC ivdep")
 #endif
 
+// The widest vector that the instruction set has, in bytes: GCC makes scalar code of comparisons of wider ones.
+#if defined(__AVX512F__)
+#define KEST_VECTOR_BYTES 64
+#elif defined(__AVX2__)
+#define KEST_VECTOR_BYTES 32
+#else
+#define KEST_VECTOR_BYTES 16
+#endif
+
 namespace util {
 
 struct Baseline {};  // what every processor of the architecture has

@@ -58,10 +58,11 @@ KEST_INLINE void ChooseInLanes(const T* values, std::size_t stride, std::size_t 
 template <typename Isa, typename T>
 void SelectiveMaskLoops<Isa, T>::Choose(const T* values, std::size_t stride, std::size_t width, std::size_t groupSize,
                                         std::size_t keepNum, std::size_t numOut, T* const* keep) {
-    if (width * sizeof(T) >= 64) {
-        ChooseInLanes<64>(values, stride, width, groupSize, keepNum, numOut, keep);
-    } else if (width * sizeof(T) >= 32) {
-        ChooseInLanes<32>(values, stride, width, groupSize, keepNum, numOut, keep);
+    constexpr std::size_t kHalf = KEST_VECTOR_BYTES > 32 ? 32 : 16;
+    if (width * sizeof(T) >= KEST_VECTOR_BYTES) {
+        ChooseInLanes<KEST_VECTOR_BYTES>(values, stride, width, groupSize, keepNum, numOut, keep);
+    } else if (width * sizeof(T) >= kHalf) {
+        ChooseInLanes<kHalf>(values, stride, width, groupSize, keepNum, numOut, keep);
     } else {
         ChooseInLanes<16>(values, stride, width, groupSize, keepNum, numOut, keep);
     }
