@@ -2,6 +2,7 @@
 #include <kest/record/proto_simulator/file_io.h>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
 namespace kest_tf {
@@ -28,12 +30,40 @@ bool File::Close() {
     return close(std::exchange(fd_, -1)) == 0 || errno == EINTR;
 }
 
+namespace {
+
+/// The directory of the file that `path` leads to; not open if there is none. It must be readable to be locked.
+File OpenDirectoryOf(const char* path) {
+    char resolved[PATH_MAX];
+    if (realpath(path, resolved) == nullptr) return File(AT_FDCWD, "", O_RDONLY);
+    std::strrchr(resolved, '/')[1] = '\0';
+    return File(AT_FDCWD, resolved, O_RDONLY | O_DIRECTORY);
+}
+
+}  // namespace
+
+DirectoryLock::DirectoryLock(const char* path) : directory_(OpenDirectoryOf(path)) {
+    while (directory_.IsOpen() && flock(directory_.Get(), LOCK_EX) != 0 && errno == EINTR) {
+    }
+}
+
+DirectoryLock::~DirectoryLock() {
+    if (directory_.IsOpen()) flock(directory_.Get(), LOCK_UN);  // a child forked meanwhile may keep the descriptor
+}
+
 bool WriteAll(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t count = write(fd, bytes.data(), bytes.size());
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) return false;
         bytes.remove_prefix(static_cast<size_t>(count));
+    }
+    return true;
+}
+
+bool Truncate(int fd, std::size_t size) {
+    while (ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        if (errno != EINTR) return false;
     }
     return true;
 }
@@ -89,8 +119,7 @@ bool WriteDirectly(const char* path, const std::string& text) {
 }
 
 bool Overwrite(int fd, const std::string& text) {
-    return lseek(fd, 0, SEEK_SET) == 0 && WriteAll(fd, text) && ftruncate(fd, static_cast<off_t>(text.size())) == 0 &&
-           Sync(fd);
+    return lseek(fd, 0, SEEK_SET) == 0 && WriteAll(fd, text) && Truncate(fd, text.size()) && Sync(fd);
 }
 
 /// For a file whose directory takes no new one.
