@@ -64,14 +64,14 @@ def test_arrays_are_checked():
     good = np.ones((4, 6), np.float32)
     unaligned = np.frombuffer(bytearray(4 * 6 * 4 + 1), np.uint8)[1:].view(np.float32)
     for bad, error in (([1.0], TypeError), (good.astype(np.int32), TypeError), (good.astype(np.float16), TypeError),
+                       (None, TypeError), (np.ma.masked_less(good, 0), TypeError),
                        (good.T, ValueError), (good[:, ::2], ValueError), (good.astype(">f4"), ValueError),
                        (unaligned, ValueError)):
         with pytest.raises(error, match="weights has to be"):
             kest.arq.calibrate(bad)
-    for axis in (1, 2, -2):
-        if axis != good.ndim - 1:
-            with pytest.raises(ValueError, match="channel_axis"):
-                kest.arq.calibrate(good, channel_axis=axis)
+    for axis, error in ((1, ValueError), (3, ValueError), (-2, ValueError), (0.0, TypeError), ("0", TypeError)):
+        with pytest.raises(error, match="channel_axis has to be"):
+            kest.arq.calibrate(good.reshape(2, 2, 6), channel_axis=axis)
     factors = kest.arq.calibrate(good, channel_axis=-1)
     with pytest.raises(ValueError, match=r"shape \(4,\)"):
         kest.arq.codes(good, factors)

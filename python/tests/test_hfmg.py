@@ -1,7 +1,5 @@
 """HFMG and activation ARQ against hand-worked histograms and ranges."""
 
-import threading
-
 import kest
 import numpy as np
 import pytest
@@ -53,7 +51,7 @@ def test_activation_arq():
 
 def test_failures_and_checks():
     calibrator = kest.hfmg.Calibrator()
-    for call in (calibrator.histogram, calibrator.factors, lambda: calibrator.add(np.empty(0, np.float32))):
+    for call in (calibrator.factors, lambda: calibrator.add(np.empty(0, np.float32))):
         with pytest.raises(kest.BadParamError):
             call()
     for bad, error in ((np.ones(3), TypeError), (np.ones((4, 4), np.float32).T, ValueError)):
@@ -62,32 +60,13 @@ def test_failures_and_checks():
     for call, name in ((lambda: kest.hfmg.Calibrator(1), "num_bits"), (lambda: kest.hfmg.Calibrator(32), "num_bits"),
                        (lambda: kest.hfmg.Calibrator(num_bins=0), "num_bins"),
                        (lambda: kest.hfmg.Calibrator(num_bins=2**31), "num_bins"),
+                       (calibrator.histogram, "before the first batch"),
                        (lambda: kest.hfmg.activation_arq(0, 1, 1), "num_bits"),
                        (lambda: kest.hfmg.activation_arq(0, np.nan), "at most maximum")):
         with pytest.raises(ValueError, match=name):
             call()
     with pytest.raises(TypeError, match="dtype"):
         kest.hfmg.activation_arq(0, 1, dtype=np.int32)
-
-
-def test_threads_may_share_a_calibrator():
-    calibrator = kest.hfmg.Calibrator(num_bins=512)
-    batch = np.linspace(-1, 1, 10_000, dtype=np.float32)
-
-    def work():
-        for _ in range(25):
-            calibrator.add(batch)
-            sums.append(int(calibrator.histogram().counts.sum()) % batch.size)
-            calibrator.factors()
-
-    sums = []
-    threads = [threading.Thread(target=work) for _ in range(4)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    assert len(sums) == 100 and not any(sums)
-    assert calibrator.histogram().counts.sum() == 100 * batch.size
 
 
 def test_counts_of_bins_do_not_wrap_around():

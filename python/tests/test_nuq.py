@@ -75,6 +75,7 @@ def test_what_does_not_fit_is_an_error():
                         (lambda: kest.nuq.codes(weights, factors, channel_axis=-1), r"scale has .*\(3,\)"),
                         (lambda: kest.nuq.fake_quantise(weights, Factors(factors.scale, factors.offset[:1],
                                                                          factors.clusters)), "offset"),
+                        (lambda: kest.nuq.fake_quantise(weights, factors, 0), "num_bits"),
                         (lambda: kest.nuq.fake_quantise(weights, Factors(factors.scale, factors.offset,
                                                                          factors.clusters[:0])), "clusters")):
         with pytest.raises(ValueError, match=match):

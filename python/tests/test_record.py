@@ -110,7 +110,7 @@ def test_insertions_stand_first_and_remove_only_balance_factors(file):
 
 def test_statuses_and_arguments(file, capfd):
     file.write_text(CONV1[:-2])
-    for path, status in ((file.parent / "none", 5), (file.parent, 6), (file, 13)):
+    for path, status in ((file.parent / "none\udcff", 5), (bytes(file.parent), 6), (str(file), 13)):
         for call in (kest.record.read, kest.record.canonical_text, kest.record.rewrite,
                      lambda path: kest.record.update_weights(path, "a", f32(1), i32(0))):
             with pytest.raises(kest.RecordFileError) as raised:
@@ -123,12 +123,12 @@ def test_statuses_and_arguments(file, capfd):
             kest.record.insert_weights(file, layer, 1, 0)
     for match, call in (
         ("dst_type cannot", lambda: kest.record.update_data(file, "a", 1, 0, dst_type="a b")),
-        ("offset has to fit", lambda: kest.record.update_data(file, "a", 1, 2**31)),
+        ("offset has to be", lambda: kest.record.update_data(file, "a", 1, 2**31)),
         ("offset has to be as long", lambda: kest.record.update_weights(file, "a", f32(1, 2), i32(0))),
         ("offset has to be as long", lambda: kest.record.update_nuq(file, "a", f32(), i32(0), i32())),
         ("factors has to have one axis", lambda: kest.record.update_balance_factors(file, "a", f32([1]))),
         ("field has to be one of", lambda: kest.record.insert_values(file, "a", "scale_d", f32(1))),
-        ("without a NUL", lambda: kest.record.read("a\0b")),
+        ("file has to be without a NUL", lambda: kest.record.read("a\0b")),
     ):
         with pytest.raises(ValueError, match=match):
             call()

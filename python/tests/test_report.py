@@ -53,9 +53,13 @@ def test_the_text_shows_the_worst_channels_first():
     (lambda: kest.report.compare([], []), "reference"),
     (lambda: kest.report.compare([1, 2], [1, 2], channel_axis=1), "channel_axis"),
     (lambda: kest.report.compare([1, 2, 3], [1, 2, 3], channel_axis=0, clip_range=(0, [1, 2])), "clip_range"),
+    (lambda: kest.report.compare([1, 2], [1, 2], clip_range=(1, 0)), "clip_range"),
+    (lambda: kest.report.compare([1, 2], [1, 2], clip_range=(0, math.nan)), "clip_range"),
+    (lambda: kest.report.compare(np.ma.masked_less([1, 2], 2), [1, 2]), "reference has to be of real numbers"),
+    (lambda: kest.report.compare([1, 2], [1, 2j]), "result has to be of real numbers"),
 ])
 def test_arguments_are_checked(call, name):
-    with pytest.raises(ValueError, match=name):
+    with pytest.raises((ValueError, TypeError), match=name):
         call()
 
 
@@ -73,5 +77,7 @@ def test_the_plot_shows_the_counts_and_the_clip_range(tmp_path):
     assert plot.histogram(values, (0, 1), axes=axes) is axes
     constant = kest.hfmg.Calibrator(num_bins=8)
     constant.add(np.zeros(5, np.float32))
+    with pytest.raises(ValueError, match="finite"):
+        plot.histogram(constant.histogram(), (1, 0))
     axes = plot.histogram(constant.histogram(), constant.factors().clip_range())
     assert "clipped: 0 % of the values" in axes.get_legend().get_texts()[1].get_text()

@@ -55,6 +55,10 @@ unsigned int Length(const T& array) {
     return static_cast<unsigned int>(array.size());
 }
 
+inline std::string Text(const nb::bytes& bytes) {
+    return {bytes.c_str(), bytes.size()};
+}
+
 void BindArq(nb::module_& module);
 void BindBalance(nb::module_& module);
 void BindDeployed(nb::module_& module);

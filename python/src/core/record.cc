@@ -13,10 +13,6 @@ namespace {
 
 using namespace nb::literals;
 
-std::string Text(const nb::bytes& bytes) {
-    return {bytes.c_str(), bytes.size()};
-}
-
 /// The lock of kest's own updates, for what they do not cover.
 class UpdateLock {
 public:

@@ -2,15 +2,12 @@
 
 import operator
 from collections.abc import Sequence
-from typing import TypeVar
 
 import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._tensors import axis_of, checked_int, checked_tensor
-
-Float = TypeVar("Float", np.float32, np.float64)
+from kest._arrays import Float, axis_of, checked, checked_int
 
 
 def prune_count(num_channels: int, ratio: float, *, num_groups: int = 1, align_to_16: bool = False) -> int:
@@ -64,11 +61,11 @@ def keep_mask(
     """
     if len(tensors) == 0 or len(channel_axes) != len(tensors):
         raise ValueError("channel_axes has to have an entry for each tensor, of which there has to be one")
-    checked_tensor("tensors", tensors[0], np.float32, np.float64)
+    checked("tensors", tensors[0], np.float32, np.float64)
     num_channels, _ = axis_of("channel_axes", tensors[0], channel_axes[0])
     strides = []
     for tensor, axis in zip(tensors, channel_axes):
-        count, stride = axis_of("channel_axes", checked_tensor("tensors", tensor, tensors[0].dtype), axis)
+        count, stride = axis_of("channel_axes", checked("tensors", tensor, tensors[0].dtype), axis)
         if count != num_channels:
             raise ValueError(f"tensors have to have one number of channels, not {num_channels} and {count}")
         strides.append(stride)
