@@ -307,4 +307,22 @@ def test_usage_and_a_reader_that_stops(file):
     with open("/dev/full", "w") as full:
         failed = subprocess.run([Path(sys.executable).parent / "kest-record", "fmt", file], stdout=full,
                                 stderr=subprocess.PIPE, text=True)
-    assert (failed.returncode, failed.stderr) == (2, "kest-record: cannot write: No space left on device\n")
+    assert (failed.returncode, failed.stderr) == (2, "kest-record: standard output: No space left on device\n")
+
+
+def test_streams_and_what_a_terminal_cannot_take(file):
+    text = value("scale_d: 0\noffset_d: 1\n").replace('"a"', '"\x1b[1m\udcff"')
+    file.write_text(text, errors="surrogateescape")
+    with file.open() as given:
+        found = command("check", "--", "-", file, stdin=given)
+    lines = [[f"{name}:4: \\x1b[1m\\udcff: scale_d is zero", f"{name}: 1 finding"] for name in ("-", file)]
+    assert found.returncode == 1 and found.stdout.splitlines() == sum(lines, [])
+    piped = command("check", "-", "--json", input=FC + FC)
+    assert [(one["file"], one["line"]) for one in json.loads(piped.stdout)] == [("-", 7)]
+    assert command("diff", "-", "-", input=FC).returncode == 0 and command("fmt", "-", input=FC).stdout == FC
+    assert command("check", "-", input="key: {").stderr.startswith("kest-record: -:1: unknown field")
+    refused = command("fmt", "--write", "-", input=FC)
+    assert (refused.returncode, refused.stderr) == (2, "kest-record: -: a stream, which fmt cannot replace\n")
+    closed = command("show", file, preexec_fn=lambda: os.close(1))
+    assert (closed.returncode, closed.stderr) == (2, "kest-record: standard output is closed\n")
+    assert command("show", "none", preexec_fn=lambda: os.close(2)).stdout == ""
