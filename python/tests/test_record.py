@@ -2,6 +2,7 @@
 
 import json
 import os
+import pickle
 import subprocess
 import sys
 import threading
@@ -115,7 +116,8 @@ def test_statuses_and_arguments(file, capfd):
                      lambda path: kest.record.update_weights(path, "a", f32(1), i32(0))):
             with pytest.raises(kest.RecordFileError) as raised:
                 call(path)
-            assert raised.value.status == status
+            error = pickle.loads(pickle.dumps(raised.value))
+            assert (error.status, error.file) == (status, os.fsdecode(path)) and error.meaning in str(error)
     for layer in ("", "a b", "a\tb", "a\nb", "a\rb", 'a"b', "a\0b"):
         with pytest.raises(ValueError, match="layer cannot"):
             kest.record.update_weights(file, layer, f32(1), i32(0))
