@@ -1,4 +1,8 @@
-"""ARQ: weights to one scale and offset a channel by their extremes."""
+"""ARQ: weights to one scale and offset a channel by their extremes.
+
+The affine scheme of Jacob et al., "Quantization and Training of Neural Networks for Efficient Integer-Arithmetic-Only
+Inference", 2018. A scale below 2^-23 becomes 1: a channel of tiny weights becomes 0.
+"""
 
 from dataclasses import dataclass
 

@@ -1,4 +1,7 @@
-"""DMQ balancing: activations and weights share the difficulty of a channel's range."""
+"""DMQ balancing: activations and weights share the difficulty of a channel's range.
+
+Xiao et al., "Accurate and Efficient Post-Training Quantization for Large Language Models", 2023.
+"""
 
 import numpy as np
 import numpy.typing as npt

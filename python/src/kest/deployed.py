@@ -38,7 +38,7 @@ def pack_words(scale: npt.NDArray[np.float32], shift: npt.ArrayLike = 0) -> npt.
     """The words that dequantise takes: the scale's bits in 0 to 31, the shift in 32 to 39.
 
     Args:
-        scale: float32, one entry a channel.
+        scale: float32, one entry a channel: that of the activations times that of the weights.
         shift: integers from 0 to 255: one for each channel, or one for all.
 
     Raises:
@@ -69,7 +69,7 @@ def dequantise(
     y * (2^N * scale) / input_multiplier, all in single precision.
 
     Args:
-        values: float32, integers, any shape.
+        values: whole numbers as float32, any shape.
         words: uint64, one for each channel, from pack_words.
         channel_axis: any axis of `values`; None for one word.
         input_multiplier: a 32-bit integer, not 0.

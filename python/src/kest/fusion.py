@@ -1,4 +1,7 @@
-"""Weight scales of layers whose batch normalisation is folded into the weights."""
+"""Weight scales of layers whose batch normalisation is folded into the weights.
+
+Jacob et al., "Quantization and Training of Neural Networks for Efficient Integer-Arithmetic-Only Inference", 2018.
+"""
 
 import numpy as np
 import numpy.typing as npt

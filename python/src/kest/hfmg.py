@@ -1,4 +1,8 @@
-"""HFMG: activations to one scale and offset from a histogram, so that batches need not be kept; activation ARQ."""
+"""HFMG: activations to one scale and offset from a histogram, so that batches need not be kept; activation ARQ.
+
+Clip ranges by least squared error: Choukroun et al., "Low-bit Quantization of Neural Networks for Efficient Inference",
+2019.
+"""
 
 from dataclasses import dataclass
 from typing import Any

@@ -1,4 +1,8 @@
-"""IFMR: activations to one scale and offset, by the clip range of smallest squared error over all values seen."""
+"""IFMR: activations to one scale and offset, by the clip range of smallest squared error over all values seen.
+
+Clip ranges by least squared error: Choukroun et al., "Low-bit Quantization of Neural Networks for Efficient Inference",
+2019.
+"""
 
 from typing import Any
 

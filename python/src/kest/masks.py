@@ -1,4 +1,7 @@
-"""Masks of weights: 1 where kept, 0 where pruned."""
+"""Masks of weights: 1 where kept, 0 where pruned.
+
+N of M: Mishra et al., "Accelerating Sparse Deep Neural Networks", 2021.
+"""
 
 import numpy as np
 import numpy.typing as npt

@@ -1,4 +1,9 @@
-"""NUQ: weights to a few integers that the whole tensor shares, with one scale and offset a channel."""
+"""NUQ: weights to a few integers that the whole tensor shares, with one scale and offset a channel.
+
+Weighted k-means (Lloyd, 1982) over the weights on ARQ's grid of 8 bits, a channel weighing by the square of its scale,
+from seeds as in k-means++ (Arthur and Vassilvitskii, 2007) but at fixed quantiles: nothing is random. Clustered
+weights: Han et al., "Deep Compression", 2016.
+"""
 
 from dataclasses import dataclass
 

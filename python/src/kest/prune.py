@@ -1,4 +1,7 @@
-"""Structured pruning: the output channels of a layer with the weakest filters."""
+"""Structured pruning: the output channels of a layer with the weakest filters.
+
+Li et al., "Pruning Filters for Efficient ConvNets", 2017.
+"""
 
 import operator
 from collections.abc import Sequence

@@ -1,4 +1,7 @@
-"""ULQ: retraining with quantised activations between learned bounds, and quantised weights with learned steps."""
+"""ULQ: retraining with quantised activations between learned bounds, and quantised weights with learned steps.
+
+Trained thresholds: Jain et al., 2020. Learned step sizes: Esser et al., 2020.
+"""
 
 from dataclasses import dataclass
 
