@@ -22,7 +22,8 @@ def rows(
         values: float32 or float64, with at least one axis.
         square: the coefficient of d^2; by default that of the exponential's series.
         cube: the coefficient of d^3, likewise.
-        threshold: negative, in single precision too. With the series, p rises everywhere from its root at -1.596 on, and is negative below.
+        threshold: negative, in single precision too. With the series, p rises everywhere from its root at -1.596 on,
+            and is negative below.
 
     Returns:
         An array of the shape and dtype of `values`.
