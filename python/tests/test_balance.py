@@ -30,16 +30,11 @@ def test_channels_of_zeros():
     np.testing.assert_array_equal(kest.balance.dmq_factors(0 * activations, weights), [1, 1, 1, 1])
 
 
-@pytest.mark.parametrize("activations, weights, strength, error, line", [
-    ([[1]], [[1]], 0.9, kest.BadParamError, "[CheckDMQBParam]"),
-    ([[np.inf]], [[1]], 0.5, kest.BadParamError, "find act max value fail"),
-    ([[1e30]], [[1]], 0.8, kest.ScaleError, "balance factor out of range"),
-    (np.ones((0, 1)), [[1]], 0.5, kest.BadParamError, "act pointer is null or length is 0"),
-])
-def test_what_the_kernel_rejects(activations, weights, strength, error, line):
-    with pytest.raises(error) as raised:
-        kest.balance.dmq_factors(np.array(activations, f32), np.array(weights, f32), strength)
-    assert line in raised.value.log
+def test_what_the_kernel_rejects():
+    with pytest.raises(kest.BadParamError, match=r"\[CheckDMQBParam\]"):
+        kest.balance.dmq_factors(np.ones((1, 1), f32), np.ones((1, 1), f32), 0.9)
+    with pytest.raises(kest.ScaleError, match="balance factor out of range"):
+        kest.balance.dmq_factors(np.full((1, 1), 1e30, f32), np.ones((1, 1), f32), 0.8)
 
 
 def test_arguments_that_do_not_fit():
@@ -48,5 +43,3 @@ def test_arguments_that_do_not_fit():
         kest.balance.dmq_factors(good, np.ones((2, 4), f32))
     with pytest.raises(ValueError, match="^activation_axis has to"):
         kest.balance.dmq_factors(good, good, activation_axis=2)
-    with pytest.raises(TypeError, match="weights has to be float32"):
-        kest.balance.dmq_factors(good, np.ones((3, 3)))

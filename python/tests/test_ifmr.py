@@ -46,17 +46,6 @@ def test_the_ratio_of_the_smallest_error_over_all_batches(dtype, num_bits, with_
         assert (found.scale, found.offset) == expected and found == calibrator.factors()
 
 
-def test_defaults_suit_a_grid_and_later_batches_count():
-    calibrator = kest.ifmr.Calibrator(4)
-    calibrator.add(np.arange(0, 8, dtype=np.float32) * np.float32(0.25))
-    first = calibrator.factors()
-    assert first.offset == -8
-    calibrator.add(np.arange(-8, 0, dtype=np.float32) * np.float32(0.25))
-    found = calibrator.factors()
-    assert found == kest.ActivationFactors(0.25, 0) and found != first
-    assert found.clip_range(4) == (-2, 1.75)
-
-
 @pytest.mark.parametrize("dtype", [np.float32, np.float64])
 def test_fake_quantise(dtype):
     values = np.array([[-9, -0.13, 0.12], [0.625, 9, np.nan]], dtype)
@@ -94,27 +83,14 @@ def test_failures(call, error, line):
     assert line in raised.value.log
 
 
-def test_arrays_are_checked():
+def test_arguments_are_checked():
     calibrator = kest.ifmr.Calibrator()
-    for bad, error in ((np.ones(3), TypeError), (np.ones((4, 4), np.float32).T[1:], ValueError)):
-        with pytest.raises(error, match="batch has to be"):
-            calibrator.add(bad)
-    many = np.empty(0, np.float32)
     calibrator._batches = (np.broadcast_to(np.float32(0), 2**32 - 1),)
-    calibrator.add(many)
+    calibrator.add(np.empty(0, np.float32))
     with pytest.raises(ValueError, match="fewer than 2\\^32 values"):
         calibrator.add(np.ones(1, np.float32))
-    for call in (kest.ifmr.Calibrator, lambda bits: kest.ifmr.fake_quantise(many, kest.ActivationFactors(1, 0), bits)):
-        for bits, error in ((0, ValueError), (32, ValueError), (2**70, ValueError), (8.0, TypeError)):
-            with pytest.raises(error, match="num_bits has to be"):
-                call(bits)
+    for percentile in (0, -1, 1.5, np.nan):
+        with pytest.raises(ValueError, match="a percentile has to be"):
+            kest.ifmr.Calibrator(max_percentile=percentile)
     with pytest.raises(TypeError, match="dtype has to be float32 or float64"):
         kest.ifmr.Calibrator(dtype=np.float16)
-
-
-@pytest.mark.parametrize("percentile", [0, -1, 1.5, np.nan])
-def test_percentiles_are_checked(percentile):
-    for call in (lambda: kest.ifmr.Calibrator(max_percentile=percentile),
-                 lambda: kest.ifmr.percentile_bounds(np.ones(3), min_percentile=percentile)):
-        with pytest.raises(ValueError, match="a percentile has to be"):
-            call()

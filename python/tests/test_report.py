@@ -77,7 +77,5 @@ def test_the_plot_shows_the_counts_and_the_clip_range(tmp_path):
     assert plot.histogram(values, (0, 1), axes=axes) is axes
     constant = kest.hfmg.Calibrator(num_bins=8)
     constant.add(np.zeros(5, np.float32))
-    with pytest.raises(ValueError, match="finite"):
-        plot.histogram(constant.histogram(), (1, 0))
     axes = plot.histogram(constant.histogram(), constant.factors().clip_range())
     assert "clipped: 0 % of the values" in axes.get_legend().get_texts()[1].get_text()

@@ -26,9 +26,9 @@ def test_coefficients_and_threshold():
     np.testing.assert_array_equal(kest.softmax.rows(values, cube=0.25, threshold=-2), np.float32([0, 0.2, 0.8]))
 
 
-@pytest.mark.parametrize("row", [[np.inf, 1], [np.nan, 1], [-np.inf, -np.inf], [-1e39, -np.inf]])
-def test_rows_that_have_no_softmax(row):
-    assert np.isnan(kest.softmax.rows(np.array([row]))).all()
+def test_rows_that_have_no_softmax():
+    rows = np.array([[np.inf, 1], [np.nan, 1], [-np.inf, -np.inf], [-1e39, -np.inf]])
+    assert np.isnan(kest.softmax.rows(rows)).all()
 
 
 def test_arguments_that_do_not_fit():
@@ -37,6 +37,4 @@ def test_arguments_that_do_not_fit():
             kest.softmax.rows(np.ones(3), threshold=threshold)
     with pytest.raises(ValueError, match="the last axis"):
         kest.softmax.rows(np.array(1.0))
-    with pytest.raises(TypeError, match="values has to be float32 or float64"):
-        kest.softmax.rows(np.ones(3, int))
     assert kest.softmax.rows(np.ones((4, 0))).shape == (4, 0)

@@ -3,7 +3,6 @@
 Li et al., "Pruning Filters for Efficient ConvNets", 2017.
 """
 
-import operator
 from collections.abc import Sequence
 
 import numpy as np
@@ -72,13 +71,13 @@ def keep_mask(
         if count != num_channels:
             raise ValueError(f"tensors have to have one number of channels, not {num_channels} and {count}")
         strides.append(stride)
-    # numpy's integers would wrap around in the sum.
-    sizes = [num_channels] if group_sizes is None else [operator.index(size) for size in group_sizes]
-    if any(size < 0 for size in sizes) or sum(sizes) != num_channels:
+    given = [num_channels] if group_sizes is None else group_sizes
+    sizes = [checked_int("group_sizes", size, 0, num_channels) for size in given]
+    if sum(sizes) != num_channels:
         raise ValueError(f"group_sizes has to have the sum {num_channels}")
-    counts = [operator.index(count) for count in prune_counts]
-    if len(counts) != len(sizes) or any(not 0 <= n <= size for n, size in zip(counts, sizes)):
-        raise ValueError("prune_counts has to have an entry for each group, of at most its size")
+    if len(prune_counts) != len(sizes):
+        raise ValueError("prune_counts has to have an entry for each group")
+    counts = [checked_int("prune_counts", n, 0, size) for n, size in zip(prune_counts, sizes)]
     mask = np.zeros(num_channels, tensors[0].dtype)
     _core.prune_keep_mask(list(tensors), strides, sizes, counts, np.empty_like(mask), mask)
     return mask
