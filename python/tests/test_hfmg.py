@@ -19,6 +19,15 @@ def test_a_wider_batch_widens_the_histogram(dtype):
     assert first.counts.dtype == np.uint32 and found.edges.dtype == dtype and first.edges[0] == 0
 
 
+def test_a_batch_that_raises_is_not_counted():
+    calibrator = kest.hfmg.Calibrator(num_bins=2)
+    calibrator._histogram = kest.hfmg.Histogram(np.uint32([2**32 - 2, 7]), np.float32([0, 1, 2]))
+    for bad, error in (([np.inf, 0], ValueError), ([-3e38, 3e38], ValueError), ([0, 0], OverflowError)):
+        with pytest.raises(error, match="has to"):
+            calibrator.add(np.float32(bad))
+    assert calibrator.histogram().counts.tolist() == [2**32 - 2, 7] and calibrator.histogram().edges[2] == 2
+
+
 def test_factors_of_the_full_range_and_of_trimmed_tails():
     calibrator = kest.hfmg.Calibrator(num_bins=np.uint8(2))  # too few to trim
     calibrator.add(np.array([-1, 0, 1.55], np.float32))

@@ -35,9 +35,9 @@ class Calibrator(Accumulator):
     """Counts every batch into a histogram that widens as it has to.
 
     The sparse tails are trimmed bin by bin into a row of clip ranges, of which the one with the smallest squared error
-    wins. An infinite value makes the histogram useless; NaN counts in the first bin. A bin holds up to 2^32 - 1 values.
-    Threads may share a calibrator; the counts of bins that widen depend on the order of the batches. Copies and pickles
-    are snapshots that go on by themselves.
+    wins. NaN counts in the first bin. A batch that raises leaves the calibrator as it was. Threads may share a
+    calibrator; the counts of bins that widen depend on the order of the batches. Copies and pickles are snapshots that
+    go on by themselves.
     """
 
     def __init__(
@@ -71,11 +71,18 @@ class Calibrator(Accumulator):
 
         Raises:
             BadParamError: no values.
+            OverflowError: a bin with 2^32 values, of all batches so far.
+            ValueError: an infinite value, or a range beyond the largest number of the dtype.
         """
         checked_values("batch", batch, self._dtype)
         wider = Histogram(np.empty(self._num_bins, np.uint32), np.empty(self._num_bins + 1, self._dtype))
         with self._lock:
-            _core.hfmg_add(self._histogram.counts, self._histogram.edges, batch, wider.counts, wider.edges)
+            counts, edges = self._histogram.counts, self._histogram.edges
+            _core.hfmg_add(counts, edges, batch, wider.counts, wider.edges)
+            if not np.isfinite(wider.edges).all():
+                raise ValueError("batch has to be finite: no histogram has infinite edges")
+            if wider.counts.sum(dtype=np.uint64) != counts.sum(dtype=np.uint64) + np.uint64(batch.size):
+                raise OverflowError("a bin has to hold fewer than 2^32 values")  # the kernel's counts have wrapped
             self._histogram = wider
 
     def histogram(self) -> Histogram:

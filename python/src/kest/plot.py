@@ -35,7 +35,7 @@ def histogram(values: Histogram, clip_range: tuple[float, float], *, axes: Axes 
         The axes.
 
     Raises:
-        ValueError: infinite edges, from infinite values, or bounds that are no range.
+        ValueError: edges or bounds that are infinite or NaN, or bounds that are no range.
     """
     low, high = clip_range
     if not (low <= high and np.isfinite([low, high, *values.edges]).all()):
