@@ -313,7 +313,8 @@ def test_streams_and_what_a_terminal_cannot_take(file):
     assert found[::2] == [f"{name}:4: \\x1b[1m\\udcff: scale_d is zero" for name in ("-", file)]
     for arguments, text, status, said in (
         (("check", "-"), FC + FC, 1, "-:7: fc: a second record of this layer; updates change the first, on line 1\n"),
-        (("fmt", "-"), FC, 0, FC), (("diff", "-", "-"), FC, 0, ""), (("fmt", "--write", "-"), FC, 2, "kest-record: -: "),
+        (("fmt", "-"), FC, 0, FC), (("diff", "-", "-"), FC, 0, ""),
+        (("fmt", "--write", "-"), FC, 2, "kest-record: -: a stream"),
         (("show", "-"), "key: {", 2, "kest-record: -:1: unknown field")):
         ran = command(*arguments, input=text)
         assert ran.returncode == status and (ran.stdout or ran.stderr).startswith(said)

@@ -15,7 +15,9 @@ def check(x: Singles, d: npt.NDArray[np.float64], integers: npt.NDArray[np.int32
     assert_type(on_grid, Singles)
     assert_type(kest.arq.codes(d, factors), npt.NDArray[np.int8])
     assert_type(kest.hfmg.Calibrator().factors().scale, float)
-    assert_type(kest.record.read(b"a")["conv1"].scale_d, np.float32 | None)
+    record = kest.record.read(b"a")["conv1"]
+    assert_type(record.scale_d, np.float32 | None)
+    kest.record.update_data("b", "conv1", record.scale_d or 1, 0)
     assert_type(kest.shift.search(x, factors.scale, channel_axis=None), npt.NDArray[np.int32])
     kest.softmax.rows(integers)  # type: ignore[type-var]
     kest.arq.calibrate(x, "8")  # type: ignore[arg-type]

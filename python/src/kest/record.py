@@ -7,7 +7,7 @@ not kept out.
 """
 
 from dataclasses import dataclass
-from typing import Any
+from typing import Any, SupportsFloat
 
 import numpy as np
 import numpy.typing as npt
@@ -158,7 +158,7 @@ def rewrite(file: AnyPath) -> None:
     _core.record_rewrite(checked_path("file", file))
 
 
-def update_data(file: AnyPath, layer: str, scale: float, offset: int, *, dst_type: str | None = None) -> None:
+def update_data(file: AnyPath, layer: str, scale: SupportsFloat, offset: int, *, dst_type: str | None = None) -> None:
     """Sets scale_d and offset_d of a layer.
 
     Here and in all updates: the layer's record is appended if the file has none, and all other fields keep their
@@ -176,7 +176,7 @@ def update_data(file: AnyPath, layer: str, scale: float, offset: int, *, dst_typ
         ValueError: a layer name that is empty; a blank, line end, quote or NUL in it or in dst_type.
     """
     kind = _word("dst_type", dst_type or "hide")
-    _core.record_update_data(checked_path("file", file), _layer(layer), scale, checked_offset(offset), kind)
+    _core.record_update_data(checked_path("file", file), _layer(layer), float(scale), checked_offset(offset), kind)
 
 
 def update_weights(file: AnyPath, layer: str, scale: npt.NDArray[np.float32], offset: npt.NDArray[np.int32]) -> None:
@@ -237,7 +237,7 @@ def update_balance_factors(file: AnyPath, layer: str, factors: npt.NDArray[np.fl
     _core.record_update_balance_factors(checked_path("file", file), _layer(layer), values)
 
 
-def insert_data(file: AnyPath, layer: str, scale: float, offset: int, *, onnx_type: int = 0) -> None:
+def insert_data(file: AnyPath, layer: str, scale: SupportsFloat, offset: int, *, onnx_type: int = 0) -> None:
     """Puts a line scale_d and one offset_d at the start of a layer's value block.
 
     Here and in all insertions: the record must be there, in canonical form. Nothing is removed, and a reader takes the
@@ -256,10 +256,10 @@ def insert_data(file: AnyPath, layer: str, scale: float, offset: int, *, onnx_ty
         ValueError: a layer name that is empty, or holds a blank, a line end, a quote or a NUL.
     """
     element_type = checked_int("onnx_type", onnx_type, -(2**31))
-    _core.record_insert_data(checked_path("file", file), _layer(layer), scale, checked_offset(offset), element_type)
+    _core.record_insert_data(checked_path("file", file), _layer(layer), float(scale), checked_offset(offset), element_type)
 
 
-def insert_weights(file: AnyPath, layer: str, scale: float, offset: int) -> None:
+def insert_weights(file: AnyPath, layer: str, scale: SupportsFloat, offset: int) -> None:
     """Puts a line scale_w and one offset_w at the start of a layer's value block. See insert_data.
 
     Args:
@@ -268,7 +268,7 @@ def insert_weights(file: AnyPath, layer: str, scale: float, offset: int) -> None
         scale: written with ten significant digits.
         offset: 32 bits.
     """
-    _core.record_insert_weights(checked_path("file", file), _layer(layer), scale, checked_offset(offset))
+    _core.record_insert_weights(checked_path("file", file), _layer(layer), float(scale), checked_offset(offset))
 
 
 def insert_values(
