@@ -55,10 +55,17 @@ def fake_quantise(
 ) -> tuple[npt.NDArray[Float], Factors]:
     """Calibrates, and replaces every weight by scale * (code - offset).
 
-    Args and exceptions are those of calibrate.
+    Args:
+        weights: float32 or float64, any shape.
+        num_bits: the width of the grid, 2 to 31.
+        channel_axis: 0 or -1; None for one scale and offset.
+        with_offset: an asymmetric grid; without it offsets are 0.
 
     Returns:
         The weights on their grid, a new array, and the factors.
+
+    Raises:
+        BadParamError, ScaleError: as calibrate.
     """
     _, channel_last = channels_of_weights(weights, channel_axis, np.float32, np.float64)
     factors = calibrate(weights, num_bits, channel_axis=channel_axis, with_offset=with_offset)
@@ -75,10 +82,16 @@ def codes(
 ) -> npt.NDArray[np.int8]:
     """The codes round(weight / scale) + offset of weights on a grid of up to 8 bits, in their shape.
 
+    Args:
+        weights: float32 or float64, any shape.
+        factors: one scale and offset for each channel.
+        num_bits: the width of the grid, 2 to 8.
+        channel_axis: 0 or -1; None for one scale and offset.
+
     Raises:
         BadParamError: no weights, NaN among them.
         ScaleError: an infinite scale or one above 2^23.
-        ValueError: a bit width above 8 or below 2; factors that do not fit the channels.
+        ValueError: num_bits out of range, factors that do not fit the channels.
     """
     num_channels, channel_last = channels_of_weights(weights, channel_axis, np.float32, np.float64)
     check_factors(factors.scale, factors.offset, num_channels)

@@ -54,7 +54,11 @@ def write(directory: AnyPath, name: str, batch: int, values: npt.NDArray[Any]) -
 
 
 def read(path: AnyPath, num_dims: int) -> npt.NDArray[Any]:
-    """Reads the file of a tensor with `num_dims` dimensions.
+    """Reads the file of a tensor.
+
+    Args:
+        path: of the file.
+        num_dims: how many dimensions the tensor has, which the file does not tell.
 
     Raises:
         OSError: the file cannot be read.

@@ -255,8 +255,9 @@ def insert_data(file: AnyPath, layer: str, scale: SupportsFloat, offset: int, *,
         KestError: a file that cannot be read or holds nothing; no such layer; a failed write. The file is unchanged.
         ValueError: a layer name that is empty, or holds a blank, a line end, a quote or a NUL.
     """
+    path, key = checked_path("file", file), _layer(layer)
     element_type = checked_int("onnx_type", onnx_type, -(2**31))
-    _core.record_insert_data(checked_path("file", file), _layer(layer), float(scale), checked_offset(offset), element_type)
+    _core.record_insert_data(path, key, float(scale), checked_offset(offset), element_type)
 
 
 def insert_weights(file: AnyPath, layer: str, scale: SupportsFloat, offset: int) -> None:
