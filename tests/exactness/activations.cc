@@ -32,13 +32,8 @@ float HfmgLoss(Case& c) {
     const int first = c.Below(static_cast<int>(bins.size()) + 1);
     const int last = first + c.Below(static_cast<int>(bins.size()) - first + 1);
     float loss = c.Scale();
-    Call{c,
-         KestCommon::HfmgCalculateLoss<T>,
-         bins,
-         c.Odd(1 << c.Below(12)),
-         std::max(first - 1, 0),
-         std::max(last - 1, 0),
-         loss};
+    const int levels = c.Odd(1 << c.Below(12));
+    Call{c, KestCommon::HfmgCalculateLoss<T>, bins, levels, std::max(first - 1, 0), std::max(last - 1, 0), loss};
     return loss;
 }
 COMMON(HfmgDistribute, c.Odd(c.Below(3000)), Bins<T>(c), Batch<T>(c));
@@ -70,14 +65,9 @@ Param Ifmr(Case& c) {
     const float end = start + static_cast<float>(c.Below(c.OneIn(8) ? 300 : 70)) / 100;
     const float step = c.OneIn(32) ? c.Pick({0.0f, -1.0f, NAN, INFINITY}) : c.Pick({0.01f, 0.01f, 0.02f, 0.07f, 1.0f});
     const auto percentile = [&c] { return c.OneIn(32) ? c.Real() : c.Pick({1.0f, 0.999999f, 0.999f, 0.9f, 0.5f}); };
-    return {static_cast<unsigned int>(c.OneIn(4)) + c.OneIn(64),
-            static_cast<unsigned int>(c.Bits()),
-            c.Flag(),
-            start,
-            end,
-            step,
-            percentile(),
-            percentile()};
+    const auto calibration = static_cast<unsigned int>(c.OneIn(4)) + c.OneIn(64);
+    const auto numBits = static_cast<unsigned int>(c.Bits());
+    return {calibration, numBits, c.Flag(), start, end, step, percentile(), percentile()};
 }
 CASES(
     IfmrQuant, [](auto... args) { return KestCommon::IfmrQuant(args...); }, c.Data<T>(), c.n,

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <limits>
+#include <map>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -176,29 +177,12 @@ private:
     template <typename T>
     T Special(int numKinds) {
         using L = std::numeric_limits<T>;
-        constexpr double kSpecial[kNumSpecial] = {0,
-                                                  0,
-                                                  0.5,
-                                                  0.49999997f,
-                                                  1,
-                                                  1e-6f,
-                                                  FLT_EPSILON,
-                                                  DBL_EPSILON,
-                                                  FLT_MIN,
-                                                  65504,
-                                                  L::min(),
-                                                  65520,
-                                                  0x1p23,
-                                                  FLT_TRUE_MIN,
-                                                  L::denorm_min(),
-                                                  FLT_MAX,
-                                                  L::max(),
-                                                  0x1p24,
-                                                  0x1p31,
-                                                  0x1p63,
-                                                  0x1.fffffep30,
-                                                  L::infinity(),
-                                                  L::quiet_NaN()};
+        constexpr double kMin = L::min(), kDenormal = L::denorm_min(), kMax = L::max();
+        constexpr double kInfinity = L::infinity(), kNan = L::quiet_NaN(), kBelowTwo31 = 0x1.fffffep30;
+        constexpr double kSpecial[kNumSpecial] = {
+            0,       0,      0.5,    0.49999997f, 1,           1e-6f,        FLT_EPSILON, DBL_EPSILON,
+            FLT_MIN, 65504,  kMin,   65520,       0x1p23,      FLT_TRUE_MIN, kDenormal,   FLT_MAX,
+            kMax,    0x1p24, 0x1p31, 0x1p63,      kBelowTwo31, kInfinity,    kNan};
         const auto value = static_cast<T>(kSpecial[Below(numKinds)]);
         return Flag() ? value : -value;
     }
@@ -243,21 +227,15 @@ struct Call {
     }
 };
 
-struct Kernel {
-    std::string name;
-    void (*run)(Case&);
-};
-std::vector<Kernel>& Kernels();
-struct Registration {
-    Registration(const char* name, void (*run)(Case&)) { Kernels().push_back({name, run}); }
-};
+/// What one case calls, by the name of the kernel.
+std::map<std::string, void (*)(Case&)>& Kernels();
 
-/// CASE_OF(<type>, Name, <kernel>, <argument>...): what one case calls, T being the type. CASE for T = float, CASES for
-/// float and double; COMMON for both of a template of KestCommon, OP and OPS for functors of KestTfOp.
-#define CASE_OF(type, name, ...)                                           \
-    const Registration k##name##_##type(#name "<" #type ">", [](Case& c) { \
-        using T [[maybe_unused]] = type;                                   \
-        Call{c, __VA_ARGS__};                                              \
+/// CASE_OF(<type>, Name, <kernel>, <argument>...), T being the type: the kernel is called so. CASE for T = float, CASES
+/// for float and double; COMMON for both of a template of KestCommon, OP and OPS for functors of KestTfOp.
+#define CASE_OF(type, name, ...)                                                                        \
+    [[maybe_unused]] const auto k##name##_##type = Kernels().emplace(#name "<" #type ">", [](Case& c) { \
+        using T [[maybe_unused]] = type;                                                                \
+        Call{c, __VA_ARGS__};                                                                           \
     })
 #define CASE(name, ...) CASE_OF(float, name, __VA_ARGS__)
 #define CASES(name, ...)     \
