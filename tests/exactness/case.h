@@ -68,7 +68,7 @@ public:
 
     /// `count` elements of 0xA5, with more on either side than a stray vector would hit, from an unaligned address on.
     template <typename T>
-    T* Out(int count) {
+    T* Out(int count, bool fill = true) {
         constexpr std::size_t kGuard = 16;
         alignas(64) static unsigned char arena[96 << 20];
         const std::size_t total = 2 * kGuard + static_cast<std::size_t>(count > 0 ? count : 0);
@@ -76,7 +76,8 @@ public:
         if (used_ + total * sizeof(T) > sizeof arena) __builtin_trap();
         T* const first = reinterpret_cast<T*>(&arena[used_]);
         used_ += total * sizeof(T);
-        std::memset(static_cast<void*>(first), 0xA5, total * sizeof(T));
+        std::memset(static_cast<void*>(first), 0xA5, (fill ? total : kGuard) * sizeof(T));
+        std::memset(static_cast<void*>(first + total - kGuard), 0xA5, kGuard * sizeof(T));
         arrays_.push_back({first, total, [](Case& c, const void* data, std::size_t size) {
                                for (std::size_t i = 0; i < size; ++i) c.Result(static_cast<const T*>(data)[i]);
                            }});
@@ -86,14 +87,15 @@ public:
     /// finite; or integers of about the same size, some of any.
     template <typename T>
     T* Values(int count, bool finite = false) {
-        T* const values = Out<T>(count);
+        T* const values = Out<T>(count, false);
         const int shape = Below(12);
         const int rarity = Pick({1 << 30, 1 << 30, 2, 8, 64, 512});  // of special values
         const int exponent = Below(8) > 0 ? Below(16) - 8 : Flag() ? Below(1000) : -Below(1000);
         const int numKinds = kNumSpecial - (finite || Below(8) > 0 ? Flag() ? 8 : 2 : 0);  // the last are the largest
+        const double power = std::ldexp(1.0, sizeof(T) == 8 ? exponent : exponent / 8);
         for (int i = 0; i < count; ++i) {
             if constexpr (std::is_floating_point_v<T>) {
-                values[i] = OneIn(rarity) ? Special<T>(numKinds) : Ordinary<T>(shape, exponent);
+                values[i] = OneIn(rarity) ? Special<T>(numKinds) : Ordinary<T>(shape, exponent, power);
             } else {
                 values[i] = static_cast<T>(OneIn(8) ? Int() : Below(8 << shape * 2) - (4 << shape * 2));
             }
@@ -187,7 +189,7 @@ private:
         return Flag() ? value : -value;
     }
     template <typename T>
-    T Ordinary(int shape, int exponent) {
+    T Ordinary(int shape, int exponent, double power) {
         using Bits = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
         // Three uniform parts make a bell; then what is left of the digits of a double.
         const std::uint64_t random = Next();
@@ -199,7 +201,7 @@ private:
         if (shape == 2) x = std::floor(x * 3);          // few different ones
         if (shape == 3) x = exponent;                   // one
         if (shape == 4) x = std::floor(x * 300) + 0.5;  // beside ties
-        T value = static_cast<T>(shape == 4 ? x : std::ldexp(x, sizeof(T) == 8 ? exponent : exponent / 8));
+        T value = static_cast<T>(shape == 4 ? x : x * power);
         Bits bits = static_cast<Bits>(random);  // of any number
         if (shape == 4) std::memcpy(&bits, &value, sizeof bits), bits += (random >> 62) - 1;
         if (shape == 4 || shape == 5) std::memcpy(&value, &bits, sizeof bits);
