@@ -182,6 +182,17 @@ def test_out_of_memory():
     assert calibrator.factors()[0].numpy() == 1
 
 
+def test_batches_that_would_spoil_a_histogram():
+    zeros, calibrator = tf.zeros([2**26]), kest.HfmgCalibrator()
+    for _ in range(63):
+        calibrator.add(zeros)
+    for batch, message in [([1.0, np.inf], "has to be finite"), (zeros, "fewer than 2.32 values")]:
+        with pytest.raises(Invalid, match=message):
+            calibrator.add(batch)
+    calibrator.add([0.0])
+    assert factors_of(calibrator) == [1, -128]
+
+
 def test_errors_of_a_batch():
     calibrator = kest.IfmrCalibrator()
     calibrator.add([np.nan])
