@@ -43,6 +43,24 @@ build() {
   cmake --build --preset "$preset"
 }
 
+# install_package <virtual environment>: the Python package kest, with the packages for its build that are there.
+install_package() {
+  say "building and installing the package"
+  "$1/bin/pip" install -q --disable-pip-version-check --no-build-isolation --no-deps --force-reinstall ./python
+}
+
+# build_operators: build/venv-tensorflow, which has a TensorFlow and the package kest; build/tensorflow, the operators.
+build_operators() {
+  local venv=build/venv-tensorflow
+  install_packages "${compiler_packages[@]}" python3 python3-venv python3-dev
+  make_venv "$venv" integrations/tensorflow/requirements.txt
+  install_package "$venv"
+  say "building the operators"
+  cmake -S integrations/tensorflow -B build/tensorflow -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DPython3_EXECUTABLE="$root/$venv/bin/python" > build/tensorflow.log 2>&1 || { cat build/tensorflow.log; fail "cmake failed"; }
+  cmake --build build/tensorflow --target kest_ops
+}
+
 compiler_packages=(g++ cmake ninja-build)
 test_packages=(libgtest-dev pkg-config binutils python3 python3-venv)
 mkdir -p build
