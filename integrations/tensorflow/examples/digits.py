@@ -198,8 +198,8 @@ def fake_quantised(x, layer):
 def weight_codes(layer):
     """The kernel in signed bytes; within a graph, a constant of it."""
     with tf.init_scope():
-        kernel = kest_tensorflow.fake_quantise_weights(layer.kernel, layer.steps, layer.num_bits)
-        return tf.cast(tf.round(kernel / layer.steps), tf.int8)
+        offsets = np.zeros(len(layer.steps), np.int32)
+        return kest_tensorflow.arq_codes(layer.kernel, layer.steps, offsets, layer.num_bits)
 
 
 def accumulate(x, layer):
@@ -298,13 +298,14 @@ class Retrained(tf.keras.layers.Layer):
     def learned(self):
         """The layer with what it has learned."""
         _, scale, offset = kest_tensorflow.ulq([0.0], self.clip_max, self.clip_min, self.layer.num_bits)
+        steps, _ = kest_tensorflow.step_scales(self.steps)
         return dataclasses.replace(
             self.layer,
             kernel=self.kernel.numpy() * self.mask,
             bias=self.bias.numpy(),
             scale=scale.numpy(),
             offset=offset.numpy(),
-            steps=self.steps.numpy(),
+            steps=steps.numpy(),
         )
 
 

@@ -15,11 +15,12 @@ def example(tmp_path_factory):
 
 def test_accuracies(example):
     found = digits.accuracies(example[0])
-    best = found["8 bits"][0]
+    best = min(found["8 bits"])
     assert best > 93 and np.ptp(found["8 bits"]) < 1.5 and digits.table_of(found).row_count == 5
-    for name in "4 bits", "4 bits, 2:4 sparse":  # retraining wins back half of what was lost, a lot the second time
-        assert found[f"{name}, retrained"][2] > (best + found[name][2]) / 2
-    assert best - found[name][2] > 10
+    for name in "4 bits", "4 bits, 2:4 sparse":  # retraining wins back half of a loss that is more than some images
+        lost = best - found[name][2]
+        assert best - found[f"{name}, retrained"][2] < max(2, lost / 2)
+    assert lost > 10
 
 
 def test_layers(example):
