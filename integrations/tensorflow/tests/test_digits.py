@@ -41,7 +41,8 @@ def test_layers(example):
 def test_files(example):
     """Each record file has all layers. Half of a figure has a clip range, the other one a worst channel, in red."""
     files = list(example[1].glob("*.record"))
-    found = [[(r.key, r.dst_type, len(r.scale_w) == len(r.shift_bit)) for r in kest.record.read(f).records] for f in files]
+    records = [kest.record.read(path).records for path in files]
+    found = [[(r.key, r.dst_type, len(r.scale_w) == len(r.shift_bit)) for r in layers] for layers in records]
     assert found == [[(layer, f"INT{f.name[0]}", True) for layer in digits.NAMES] for f in files] and len(files) == 5
     for half in [half for f in digits.NAMES for half in np.split(image.imread(example[1] / f"{f}.png"), 2, axis=1)]:
         assert np.isclose(half[..., :3], colors.to_rgb(digits.RED), atol=0.01).all(2).sum() > 1000
