@@ -592,7 +592,8 @@ class HfmgCalibrator(Calibrator):
     """HFMG: counts every batch into a histogram that widens as it has to, so that batches need not be kept.
 
     The sparse tails are trimmed bin by bin into a row of clip ranges, of which the one with the smallest squared error
-    wins. An infinite value makes the histogram useless. Counts of bins that widen depend on the order of the batches.
+    wins. A batch with an infinite value, or that takes a bin to 2^32 values, is refused. NaN counts in the first bin.
+    Counts of bins that widen depend on the order of the batches.
     """
 
     def __init__(self, num_bits=8, with_offset=True, num_bins=4096):

@@ -2,7 +2,7 @@
 #include <kest/activation_calib/ifmr.h>
 #include <tensorflow/core/framework/common_shape_fns.h>
 
-#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <mutex>
@@ -20,30 +20,26 @@ public:
     /// A batch that fails is not counted.
     Status Add(const float* batch, int length) {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (length > MaxValues() - numValues_) {
-            return errors::InvalidArgument("a calibrator of this kind takes at most ", MaxValues(), " values");
-        }
-        TF_RETURN_IF_ERROR(Run([&] { return AddLocked(batch, static_cast<unsigned int>(length)); }));
-        numValues_ += length;
+        TF_RETURN_IF_ERROR(AddLocked(batch, static_cast<unsigned int>(length)));
+        hasBatch_ = true;
         return OkStatus();
     }
 
     /// One value each.
     Status Factors(float* scale, int* offset) {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (numValues_ == 0) return errors::FailedPrecondition("no batch was added");
+        if (!hasBatch_) return errors::FailedPrecondition("no batch was added");
         return Run([&] { return FactorsLocked(scale, offset); });
     }
 
     std::string DebugString() const override { return "a calibrator of kest"; }
 
 private:
-    virtual int64_t MaxValues() const { return std::numeric_limits<unsigned int>::max(); }  // as kest counts them
-    virtual int AddLocked(const float* batch, unsigned int length) = 0;
+    virtual Status AddLocked(const float* batch, unsigned int length) = 0;
     virtual int FactorsLocked(float* scale, int* offset) = 0;
 
     std::mutex mutex_;
-    int64_t numValues_ = 0;
+    bool hasBatch_ = false;
 };
 
 template <typename Param>
@@ -67,9 +63,26 @@ public:
     explicit HfmgCalibrator(const Param& param) : param_(param) {}
 
 private:
-    int AddLocked(const float* batch, unsigned int length) override {
+    using Bins = std::vector<KestCommon::DataBin<float>>;
+
+    static uint64_t NumValues(const Bins& bins) {
+        uint64_t count = 0;
+        for (const auto& bin : bins) count += bin.count;
+        return count;
+    }
+
+    Status AddLocked(const float* batch, unsigned int length) override {
+        Bins wider = bins_;
         const KestCommon::InputData<float> input{length, const_cast<float*>(batch)};  // only read
-        return KestCommon::HfmgMerge(static_cast<int>(param_.numBins), bins_, input);
+        TF_RETURN_IF_ERROR(Run([&] { return KestCommon::HfmgMerge(static_cast<int>(param_.numBins), wider, input); }));
+        if (!std::isfinite(wider.front().lowerBound) || !std::isfinite(wider.back().upperBound)) {
+            return errors::InvalidArgument("a batch has to be finite: no histogram has infinite bounds");
+        }
+        if (NumValues(wider) != NumValues(bins_) + length) {  // the kernel's counts have wrapped
+            return errors::InvalidArgument("a bin has to hold fewer than 2^32 values");
+        }
+        bins_.swap(wider);
+        return OkStatus();
     }
 
     int FactorsLocked(float* scale, int* offset) override {
@@ -77,7 +90,7 @@ private:
     }
 
     const Param param_;
-    std::vector<KestCommon::DataBin<float>> bins_;
+    Bins bins_;
 };
 
 class IfmrCalibrator : public Calibrator {
@@ -95,10 +108,13 @@ public:
     explicit IfmrCalibrator(const Param& param) : param_(param) {}
 
 private:
-    int AddLocked(const float* batch, unsigned int length) override {
-        if (length == 0) return EMPTY_INPUT_ERROR;
+    Status AddLocked(const float* batch, unsigned int length) override {
+        if (length == 0) return StatusError(EMPTY_INPUT_ERROR, "");
+        if (length > std::numeric_limits<unsigned int>::max() - values_.size()) {
+            return errors::InvalidArgument("IFMR keeps fewer than 2^32 values");
+        }
         values_.insert(values_.end(), batch, batch + length);
-        return STATUS_OK;
+        return OkStatus();
     }
 
     int FactorsLocked(float* scale, int* offset) override {
@@ -119,15 +135,13 @@ public:
     explicit ArqCalibrator(const Param& param) : param_(param) {}
 
 private:
-    int64_t MaxValues() const override { return std::numeric_limits<int64_t>::max(); }
-
-    int AddLocked(const float* batch, unsigned int length) override {
-        if (length == 0) return EMPTY_INPUT_ERROR;
+    Status AddLocked(const float* batch, unsigned int length) override {
+        if (length == 0) return StatusError(EMPTY_INPUT_ERROR, "");
         for (unsigned int i = 0; i < length; ++i) {  // not changed by NaN
             if (batch[i] < min_) min_ = batch[i];
             if (batch[i] > max_) max_ = batch[i];
         }
-        return STATUS_OK;
+        return OkStatus();
     }
 
     int FactorsLocked(float* scale, int* offset) override {

@@ -119,9 +119,9 @@ def test_percentile_bounds(dtype):
 
 
 def test_fake_quantise():
-    x = np.float32([[-9, -1.25, np.nan], [0.75, 1.3, np.inf]])
+    x = np.float32([[-9, -1.25, 0.75], [np.nan, 1.3, np.inf]])
     got = both_ways(lambda x: kest.fake_quantise(x, 0.5, 1, 3), x)
-    np.testing.assert_array_equal(got, [[-2.5, -1.5, 0], [1, 1, 1]])  # codes from -4 to 3
+    np.testing.assert_array_equal(got, [[-2.5, -1.5, 1], [0, 1, 1]])  # codes from -4 to 3
     assert kest.fake_quantise(x[:0], 0.5, 1).shape == (0, 3)
     with pytest.raises(Invalid, match="KestFakeQuantise.*STATUS_SCALE_ERROR"):
         kest.fake_quantise(x, 0.0, 1)
@@ -180,6 +180,17 @@ def test_out_of_memory():
             finally:
                 resource.setrlimit(resource.RLIMIT_AS, (resource.RLIM_INFINITY,) * 2)
     assert calibrator.factors()[0].numpy() == 1
+
+
+def test_batches_that_would_spoil_a_histogram():
+    zeros, calibrator = tf.zeros([2**26]), kest.HfmgCalibrator()
+    for _ in range(63):
+        calibrator.add(zeros)
+    for batch, message in [([1.0, np.inf], "has to be finite"), (zeros, "fewer than 2.32 values")]:
+        with pytest.raises(Invalid, match=message):
+            calibrator.add(batch)
+    calibrator.add([0.0])
+    assert factors_of(calibrator) == [1, -128]
 
 
 def test_errors_of_a_batch():

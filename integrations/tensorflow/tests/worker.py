@@ -22,7 +22,7 @@ def results(x):
         kest.apply_mask(x, kest.generate_mask(x[:, 0], x[0])),
         kest.n_of_m_mask(x),
         kest.channel_prune_mask([x], [0], [256, 256], [9, 99]),
-        kest.ulq(x, 2.0, -1.0)[0],
+        *kest.ulq(x, 2.0, -1.0),
         kest.dequantise(kest.quantise(x, 50.0, 3.0), kest.dequantise_words(tf.abs(x[0]) + 1)),
         kest.fast_softmax(x),
         kest.shift_search(x * 1e6, tf.ones([x.shape[1]])),
