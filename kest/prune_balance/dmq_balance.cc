@@ -66,7 +66,7 @@ float FactorOf(float actMax, float wtsMax, float strength, float rest) {
     int wtsExponent;
     const double actLog = SplitLog2(double{actMax}, actExponent);
     const double wtsLog = SplitLog2(double{wtsMax}, wtsExponent);
-    // The products with the exponents and their difference are exact, and and so is what is left behind the whole
+    // The products with the exponents and their difference are exact, and so is what is left behind the whole
     // power.
     const double inExponents = double{strength} * actExponent - double{rest} * wtsExponent;
     const double inFractions = double{strength} * actLog - double{rest} * wtsLog;
