@@ -51,8 +51,8 @@ public:
     int In(int low, int high) { return provider_.ConsumeIntegralInRange(low, high); }
     bool Bool() { return provider_.ConsumeBool(); }
     bool Rarely() { return In(0, 15) == 15; }
-    /// A number of elements: mostly few, rarely enough for several blocks.
-    int Length() { return Rarely() ? In(0, 5000) : In(0, Bool() ? 40 : 300); }
+    /// A number of elements: mostly few, rarely enough for several blocks, seldom for several threads.
+    int Length() { return In(0, Rarely() ? Rarely() ? 70000 : 4000 : Bool() ? 40 : 300); }
     /// Any integer, often one where something begins or ends.
     int Any() {
         if (In(0, 3) == 3) return provider_.ConsumeIntegral<int>();
@@ -165,15 +165,18 @@ void Nuq(Source& s) {
     double* data = s.ArrayOrNull<double>(n);
     NuqQuantRealPython(data, n, scale, offset, s.Array<char>(n));
     NuqQuantPython(data, n, param, scale, offset);
+    NuqQuant(s.ArrayOrNull<float>(n), n, param, scale, offset);
     const float* floats = s.Array(n);
     std::vector<float> grid(floats, floats + n), centers = s.Vector<float>(s.In(0, 50));
     if (s.Rarely()) grid.resize(s.In(0, 50));
     NuqCalibrationCpuKernel(floats, grid, centers, n, param, scale, offset);
 }
 
+template <typename T>
 void Clustering(Source& s) {
     const int n = s.Length() % 100, k = s.In(0, 12);
-    auto values = s.Vector<double>(n), weights = s.Vector<double>(n), centers = s.Vector<double>(k);
+    std::vector<T> values = s.Vector<T>(n), centers = s.Vector<T>(k);
+    std::vector<double> weights = s.Vector<double>(n);
     KmeansInit(values, centers);
     Kmeans(values, static_cast<unsigned int>(s.In(0, k)), weights, centers);  // room for all centres
     Median(values);
@@ -182,10 +185,10 @@ void Clustering(Source& s) {
 
 void NuqFunctors(Source& s) {
     const int n = s.Length() % 300, k = s.In(-1, 20), numClusters = s.In(0, 20), numBits = s.Any();
-    const KestTfOp::WeightNuqQuantParam param{s.Array(k),  s.Ints(k),           nullptr, s.Array(k),
-                                              s.Ints(k),   s.Ints(numClusters), k,       numBits,
-                                              numClusters, s.In(-1, 2),         s.Bool()};
-    float* data = s.Array(n);
+    float *data = s.Array(n), *scale = s.Array(k), *scaleStore = s.Array(k);
+    int *offset = s.Ints(k), *offsetStore = s.Ints(k), *centers = s.Ints(numClusters);
+    const KestTfOp::WeightNuqQuantParam param{scale, offset,  nullptr,     scaleStore,  offsetStore, centers,
+                                              k,     numBits, numClusters, s.In(-1, 2), s.Bool()};
     ThrustParam<float> thrust;
     KestTfOp::NuqFunctor<Device, float>()(data, n, param, thrust);
     KestTfOp::FakeQuantWithNuq<Device, float>()(param, data, s.Bool() ? data : s.Array(n), n);
@@ -251,6 +254,7 @@ void UlqFunctors(Source& s) {
     const KestTfOp::Output<float> output{out, s.Array(1), s.Ints(1), bounds + 2, bounds + 3};
     KestTfOp::UlqFunctor<Device, float>()({data, n, bounds, bounds + 1}, output, numBits);
     KestTfOp::ClipCalculate<Device, float>()(s.Array(1), s.Ints(1), bounds, bounds + 1, numBits);
+    KestTfOp::ClipCheckFunctor<Device, float>()(bounds, bounds + 1, bounds[2], bounds[3], s.Bool());
     int batchNum = 0;
     KestTfOp::GetBatchNum<Device, float>()(s.Float(), batchNum);
 }
@@ -258,14 +262,10 @@ void UlqFunctors(Source& s) {
 template <typename T>
 void Ifmr(Source& s) {
     const int n = s.Length() % 1500;
-    IfmrParam param{static_cast<unsigned int>(s.In(0, 2)),
-                    s.AnyUnsigned(),
-                    s.Bool(),
-                    s.Float(),
-                    s.Float(),
-                    s.Float(),
-                    s.Rarely() ? s.Float() : 1 - s.In(0, 1000) / 1e3f,
-                    1 - s.In(0, 1000) / 1e3f};
+    const auto calibration = static_cast<unsigned int>(s.In(0, 2));
+    const float maxPercentile = s.Rarely() ? s.Float() : 1 - s.In(0, 1000) / 1e3f, minPercentile = s.In(0, 1000) / 1e3f;
+    IfmrParam param{calibration, s.AnyUnsigned(), s.Bool(),      s.Float(),
+                    s.Float(),   s.Float(),       maxPercentile, minPercentile};
     const float count = (param.endRatio - param.startRatio) / param.step;
     if (count > 100 && count < 1e8f) param.startRatio = 0.7f, param.endRatio = 1.3f, param.step = 0.02f;  // for time
     T* data = s.ArrayOrNull<T>(n);
@@ -301,6 +301,7 @@ void Hfmg(Source& s) {
     float scale = 0, loss = s.Float();
     int offset = 0;
     if (s.Bool()) {
+        HfmgDistribute(numBins, oldBins, input);
         HfmgMerge(numBins, bins, input);
         input.data = s.Array<T>(n);
         HfmgMerge(numBins, bins, input);
@@ -450,35 +451,13 @@ void Helpers(Source& s) {
     kest_tf::DumpFunctor<Device, float>()(scales, std::max(n, 0), {"/dev/null", "", 0, s.Vector<float>(3), 4});
 }
 
-constexpr void (*kEntries[])(Source&) = {Arq<float>,
-                                         Arq<double>,
-                                         ArqFunctors,
-                                         Nuq,
-                                         Clustering,
-                                         NuqFunctors,
-                                         SearchN,
-                                         SearchNV2<float>,
-                                         SearchNV2<double>,
-                                         SearchNV2Functor,
-                                         Ulq<float>,
-                                         Ulq<double>,
-                                         UlqFunctors,
-                                         Ifmr<float>,
-                                         Ifmr<double>,
-                                         Hfmg<float>,
-                                         Hfmg<double>,
-                                         Deployed,
-                                         Fusion,
-                                         Softmax<float>,
-                                         Softmax<double>,
-                                         Prune<float>,
-                                         Prune<double>,
-                                         Masks<float>,
-                                         Masks<double>,
-                                         Selective<float>,
-                                         Selective<double>,
-                                         Dmq,
-                                         Helpers};
+using Entry = void (*)(Source&);
+constexpr Entry kFloats[] = {Arq<float>,  Clustering<float>, SearchNV2<float>, Ulq<float>,   Ifmr<float>,
+                             Hfmg<float>, Softmax<float>,    Prune<float>,     Masks<float>, Selective<float>};
+constexpr Entry kDoubles[] = {Arq<double>,  Clustering<double>, SearchNV2<double>, Ulq<double>,   Ifmr<double>,
+                              Hfmg<double>, Softmax<double>,    Prune<double>,     Masks<double>, Selective<double>};
+constexpr Entry kOthers[] = {ArqFunctors, Nuq,      NuqFunctors, SearchN, SearchNV2Functor,
+                             UlqFunctors, Deployed, Fusion,      Dmq,     Helpers};
 
 }  // namespace
 
@@ -489,8 +468,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Source source(data, size);
-    const int entry = source.In(0, static_cast<int>(std::size(kEntries)) - 1);
+    const auto& entries = source.Bool() ? kFloats : source.Bool() ? kDoubles : kOthers;
+    const Entry entry = entries[source.In(0, 9)];
     omp_set_num_threads(source.In(1, 3));
-    kEntries[entry](source);
+    entry(source);
     return 0;
 }
