@@ -30,27 +30,33 @@ struct SeedScores {
 
 template <bool kWholePotentials, typename T>
 KEST_INLINE void AddScores(const T* x, const T* distance, std::size_t n, SeedScores<T>& scores) {
-    typedef T Lanes __attribute__((vector_size(kSeedLanes * sizeof(T))));
-    Lanes candidate;
-    Lanes potential;
-    Lanes sum;
-    __builtin_memcpy(&candidate, scores.candidate, sizeof candidate);
-    __builtin_memcpy(&potential, scores.potential, sizeof potential);
-    __builtin_memcpy(&sum, scores.sum, sizeof sum);
+    constexpr std::size_t kBytes =
+        kSeedLanes * sizeof(T) < KEST_VECTOR_BYTES ? kSeedLanes * sizeof(T) : KEST_VECTOR_BYTES;
+    typedef T Vector __attribute__((vector_size(kBytes)));
+    constexpr std::size_t kVectors = kSeedLanes * sizeof(T) / sizeof(Vector);
+    Vector candidate[kVectors];
+    Vector potential[kVectors];
+    Vector sum[kVectors];
+    __builtin_memcpy(candidate, scores.candidate, sizeof candidate);
+    __builtin_memcpy(potential, scores.potential, sizeof potential);
+    __builtin_memcpy(sum, scores.sum, sizeof sum);
     for (std::size_t i = 0; i < n; ++i) {
-        const Lanes square = (x[i] - candidate) * (x[i] - candidate);
-        const Lanes nearer = square < distance[i] ? square : distance[i] + Lanes{};
-        potential += nearer;
-        if (!kWholePotentials) {
-            T truncated[kSeedLanes];
-            __builtin_memcpy(truncated, &potential, sizeof truncated);
-            for (int lane = 0; lane < kSeedLanes; ++lane) truncated[lane] = util::Trunc(truncated[lane]);
-            __builtin_memcpy(&potential, truncated, sizeof potential);
+        for (std::size_t v = 0; v < kVectors; ++v) {
+            const Vector square = (x[i] - candidate[v]) * (x[i] - candidate[v]);
+            const Vector nearer = square < distance[i] ? square : distance[i] + Vector{};
+            potential[v] += nearer;
+            if (!kWholePotentials) {
+                constexpr std::size_t kLanes = sizeof(Vector) / sizeof(T);
+                T truncated[kLanes];
+                __builtin_memcpy(truncated, &potential[v], sizeof truncated);
+                for (std::size_t lane = 0; lane < kLanes; ++lane) truncated[lane] = util::Trunc(truncated[lane]);
+                __builtin_memcpy(&potential[v], truncated, sizeof truncated);
+            }
+            sum[v] += nearer;
         }
-        sum += nearer;
     }
-    __builtin_memcpy(scores.potential, &potential, sizeof potential);
-    __builtin_memcpy(scores.sum, &sum, sizeof sum);
+    __builtin_memcpy(scores.potential, potential, sizeof potential);
+    __builtin_memcpy(scores.sum, sum, sizeof sum);
 }
 
 }  // namespace
@@ -81,8 +87,8 @@ void KmeansLoops<Isa, T>::ShrinkDistances(const T* x, std::size_t n, T centre, T
 
 template <typename Isa, typename T>
 void KmeansLoops<Isa, T>::Assign(const T* x, std::size_t n, const T* centers, unsigned int k, int32_t* nearest) {
-    typedef T Vector __attribute__((vector_size(64)));
-    typedef int32_t Index __attribute__((vector_size(64 / sizeof(T) * 4)));
+    typedef T Vector __attribute__((vector_size(KEST_VECTOR_BYTES)));
+    typedef int32_t Index __attribute__((vector_size(KEST_VECTOR_BYTES / sizeof(T) * 4)));
     using Integer = std::conditional_t<sizeof(T) == 4, int32_t, int64_t>;
     constexpr std::size_t kLanes = sizeof(Vector) / sizeof(T);
     constexpr std::size_t kVectors = 4;  // independent chains
