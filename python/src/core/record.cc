@@ -1,6 +1,7 @@
 #include <kest/record/direct_writer.h>
 #include <kest/record/proto_simulator/record_proto.h>
 #include <kest/record/proto_simulator/record_writer.h>
+#include <kest/record/record_lock.h>
 #include <kest/record/record_update.h>
 
 #include <cerrno>
@@ -94,7 +95,7 @@ void Rewrite(const nb::bytes& path) {
     Root root;
     const std::string file = Text(path);
     Run({"record.rewrite", file}, [&] {
-        const UpdateLock lock;
+        const KestTfOp::RecordLock lock(file);
         const int status = kest_tf::ParseRecordFile(file, root);
         return status == STATUS_OK ? kest_tf::WriteToRecordFile(root, file) : status;
     });

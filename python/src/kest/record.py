@@ -2,8 +2,8 @@
 
 Updates read a file, change one layer and replace the file by its canonical text; insertions put new lines at the start
 of a layer's value block without reading the rest. Both replace a file whole: at any moment, and after any failure, it
-holds its old bytes or its new ones. Within a process they exclude each other, from all threads; other processes are
-not kept out.
+holds its old bytes or its new ones. They exclude each other, within a process and, where the file system has locks,
+between processes.
 """
 
 from dataclasses import dataclass
