@@ -83,7 +83,7 @@ TYPED_TEST_SUITE(Hfmg, BoundTypes, );
 
 TYPED_TEST(Hfmg, BatchesMerge) {
     using F = TestFixture;
-    typename F::Bins a, b, c, old = F::Histogram(0, 3, {0, 16777219}), wider = F::Histogram(0, 6, {0, 0});
+    typename F::Bins a, b, c, d, e, old = F::Histogram(0, 3, {0, 16777219}), wider = F::Histogram(0, 6, {0, 0});
     EXPECT_EQ((Counts{1, 1, 4}), F::Merge(3, a, {0, 3, 4, 5, 6, 6}));  // the maximum is in the last bin
     EXPECT_EQ((Counts{2, 1, 5}), F::Merge(3, a, {0, 5}));              // the same range
     EXPECT_EQ((Counts{2, 6, 1}), F::Merge(3, a, {9}));  // floor((3 - 2) / 2 * 1) of [2, 4] stay, [4, 6] touches [6, 9]
@@ -92,6 +92,11 @@ TYPED_TEST(Hfmg, BatchesMerge) {
     EXPECT_EQ((Counts{2, 1}), F::Merge(2, c, {kNan, 1, 3}));
     EXPECT_EQ((Counts{4, 1}), F::Merge(2, c, {kNan, kNan}));  // the same range
     EXPECT_EQ((Counts{7, 0}), F::Merge(2, c, {kInf, 4}));
+    EXPECT_EQ((Counts{1, 0, 2}), F::Merge(3, d, {-4, -2, -1}));  // no zero inside
+    std::vector<TypeParam> many(64, 1);  // enough for vectors: the NaN is passed over, the minimum before it stays
+    many[0] = -2;
+    many[32] = kNan;
+    EXPECT_EQ((Counts{2, 62}), F::Merge(2, e, many));
     KestCommon::HfmgMergeInter<TypeParam>(old, wider, false, 0, 6);
     EXPECT_EQ((Counts{16777219, 0}), F::CountsOf(wider));  // 2^24 + 4 as a float, but no part exceeds its count
     const Hfmg<float>::Bins fused = Hfmg<float>::Histogram(-0.3f, 0.1f, {0, 0, 0, 0});

@@ -112,9 +112,16 @@ TEST(DeployedOps, ChannelRule) {
 }
 
 TEST(DeployedOps, EveryLayoutLengthAndNumberOfThreads) {
-    const Layout layouts[] = {
-        {1, 1, false}, {17, 1, true, false}, {1025, 1, true, false}, {5, 3}, {7, 15}, {33, 16}, {5000, 9},
-        {64, 1025},    {2, 140009}};
+    const Layout layouts[] = {{1, 1, false},
+                              {17, 1, true, false},
+                              {1025, 1, true, false},
+                              {5, 3},
+                              {7, 15},
+                              {33, 16},
+                              {5000, 9},
+                              {64, 1025},
+                              {2, 140009},
+                              {7, 95}};  // a thread may start at the last element of a run
     const int maxThreads = omp_get_max_threads();
     for (const int n : {0, 1, 15, 17, 33, 1000, 131072, 300007}) {
         const Floats x = MixedValues<float>(static_cast<std::size_t>(n), 1, 3e4f);
