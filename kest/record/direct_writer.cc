@@ -122,13 +122,6 @@ bool ReadAll(int fd, char* bytes, std::size_t size) {
     return true;
 }
 
-bool Truncate(int fd, std::size_t size) {
-    while (ftruncate(fd, static_cast<off_t>(size)) != 0) {
-        if (errno != EINTR) return false;
-    }
-    return true;
-}
-
 enum class Step { kDone, kReadPosition, kRead, kWritePosition, kWrite };
 
 /// Makes the edit in an open file of `size` bytes. After a failed write the old bytes and the old length are put back.
@@ -151,12 +144,12 @@ Step EditInPlace(int fd, std::size_t size, const Edit& edit) {
         failed = Step::kWritePosition;
     } else if (!kest_tf::WriteAll(fd, edit.lines)) {
         failed = Step::kWrite;
-    } else if (moved + newTail.size() < size && !Truncate(fd, moved + newTail.size())) {
+    } else if (moved + newTail.size() < size && !kest_tf::Truncate(fd, moved + newTail.size())) {
         failed = Step::kWrite;
     }
     if (failed != Step::kDone && hasLength) {
         if (Position(fd, edit.at)) kest_tf::WriteAll(fd, tail);
-        Truncate(fd, static_cast<std::size_t>(old.st_size));
+        kest_tf::Truncate(fd, static_cast<std::size_t>(old.st_size));
     }
     return failed;
 }
@@ -238,6 +231,7 @@ int EditFileAt(const Writer& writer, const std::string& recordFile, const char* 
     char path[kMaxPath + 1] = {};
     if (recordFile.size() > kMaxPath || realpath(recordFile.c_str(), path) == nullptr)
         return fail(__LINE__, STATUS_FILE_ERROR, "Invalid record file path.\n");
+    const kest_tf::DirectoryLock lock(path);
     kest_tf::File file(AT_FDCWD, path, O_RDWR);
     if (!file.IsOpen()) return fail(__LINE__, STATUS_FILE_ERROR, "Failed to open file.\n");
     struct stat status;

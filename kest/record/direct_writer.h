@@ -22,8 +22,8 @@
 /// ones.
 ///
 /// A file is replaced whole (file_io.h): after any failure it holds its old bytes. Files of 2 GiB and more, the new
-/// lines included, are refused. No semaphore is taken: a caller keeps this writer and the updates of record_update.h
-/// off the same file.
+/// lines included, are refused. The writer by path holds the directory's lock (record_lock.h) but not the semaphore:
+/// where there is no such lock, a caller keeps it and the updates off the same file.
 ///
 /// A failure prints one log line where it happens and, once the file has been read, one of the writer's at the end;
 /// success prints one [INFO] line.
@@ -31,8 +31,7 @@
 ///     STATUS_FILE_ERROR     the path is longer than 4096 bytes or leads nowhere; open, stat, read or close failed; an
 ///                           empty file (scale and offset only); a file that is too large
 ///     STATUS_RUNTIME_ERROR  no such layer; an allocation or a write failed, which includes making the new file, its
-///     sync
-///                           and putting it in the old one's place
+///                           sync and putting it in the old one's place
 
 namespace util {
 
@@ -64,8 +63,9 @@ KEST_EXPORT int RecordRepeatData(std::string recordFile, std::string layerName, 
 ///@{
 /// The edits of the two, in place in an open file: `content` are the `size` bytes it holds, followed by a NUL. What
 /// follows the insertion is read from the file, and moved before the gap is filled. When a write fails, the old bytes
-/// and the old length are put back. A file that is only appended to counts as one that cannot be written.
-/// STATUS_RUNTIME_ERROR as above and where the file cannot be positioned or read; STATUS_FILE_ERROR for 2 GiB and more.
+/// and the old length are put back, if the file takes them. No lock is taken. A file that is only appended to counts as
+/// one that cannot be written. STATUS_RUNTIME_ERROR as above and where the file cannot be positioned or read;
+/// STATUS_FILE_ERROR for 2 GiB and more.
 template <typename T>
 KEST_EXPORT int RecordScaleOffsetData(int fd, unsigned char* content, unsigned long size, const char* layerName,
                                       const QuantizeFactor<T>& factor);

@@ -1,9 +1,9 @@
 #include <kest/record/proto_simulator/record_data_internal.h>
 #include <kest/record/proto_simulator/record_proto.h>
 #include <kest/record/proto_simulator/record_writer.h>
+#include <kest/record/record_lock.h>
 #include <kest/record/record_update.h>
 
-#include <cerrno>
 #include <cfloat>
 #include <cmath>
 #include <utility>
@@ -11,21 +11,6 @@
 namespace KestTfOp {
 
 namespace {
-
-/// Holds the record semaphore for a scope.
-class SemaphoreHold {
-public:
-    SemaphoreHold() : semaphore_(Initializer::GetInstance().semaphore) {
-        while (sem_wait(&semaphore_) != 0 && errno == EINTR) {
-        }
-    }
-    SemaphoreHold(const SemaphoreHold&) = delete;
-    SemaphoreHold& operator=(const SemaphoreHold&) = delete;
-    ~SemaphoreHold() { sem_post(&semaphore_); }
-
-private:
-    sem_t& semaphore_;
-};
 
 /// The first record whose key has a value and equals `layerName`, null if there is none.
 kest_tf::RecordData* FindRecord(const kest_tf::InnerData& root, const std::string& layerName) {
@@ -40,7 +25,7 @@ kest_tf::RecordData* FindRecord(const kest_tf::InnerData& root, const std::strin
 template <typename Change>
 int UpdateRecord(const std::string& layerName, const std::string& recordFile, Change change) {
     kest_tf::InnerData root("InnerScaleOffsetRecord", kest_tf::FIELD_MESSAGE, 0);
-    const SemaphoreHold hold;  // goes before the tree does
+    const RecordLock lock(recordFile);  // goes before the tree does
     const int status = kest_tf::ParseRecordFile(recordFile, root);
     if (status != STATUS_OK) return status;
 

@@ -19,7 +19,8 @@
 /// cannot be read back: the next update fails. An empty layer name matches nothing and appends a record each time.
 /// Infinite and NaN values are stored as inf and nan, which read back as 0.
 ///
-/// Updates exclude each other within the process, and may be called from any thread; other processes are not kept out.
+/// Updates may be called from any thread. They exclude each other and the direct writer, in this process and in others,
+/// and wait for each other as long as it takes; record_lock.h tells where they cannot.
 ///
 /// STATUS_OK; RECORD_PATH_ERROR (no such file), RECORD_OPEN_ERROR (it cannot be read or written), RECORD_UNKNOWN_FIELD
 /// and RECORD_DATA_ERROR (it holds what the parser rejects; or an allocation failed). The file is unchanged after each

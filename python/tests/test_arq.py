@@ -1,6 +1,6 @@
 """Weights against numpy, and what a caller sees of failures."""
 
-import threading
+from concurrent.futures import ThreadPoolExecutor
 
 import kest
 import numpy as np
@@ -60,46 +60,27 @@ def test_a_status_is_an_exception_with_the_log_lines(capfd, call, error, status,
     assert capfd.readouterr().out == ""
 
 
-def test_arrays_are_checked():
+def test_axes_and_factors_are_checked():
     good = np.ones((4, 6), np.float32)
-    unaligned = np.frombuffer(bytearray(4 * 6 * 4 + 1), np.uint8)[1:].view(np.float32)
-    for bad, error in (([1.0], TypeError), (good.astype(np.int32), TypeError), (good.astype(np.float16), TypeError),
-                       (good.T, ValueError), (good[:, ::2], ValueError), (good.astype(">f4"), ValueError),
-                       (unaligned, ValueError)):
-        with pytest.raises(error, match="weights has to be"):
-            kest.arq.calibrate(bad)
-    for axis in (1, 2, -2):
-        if axis != good.ndim - 1:
-            with pytest.raises(ValueError, match="channel_axis"):
-                kest.arq.calibrate(good, channel_axis=axis)
+    for axis in (1, 3, -2):
+        with pytest.raises(ValueError, match="channel_axis has to be"):
+            kest.arq.calibrate(good.reshape(2, 2, 6), channel_axis=axis)
     factors = kest.arq.calibrate(good, channel_axis=-1)
     with pytest.raises(ValueError, match=r"shape \(4,\)"):
         kest.arq.codes(good, factors)
-    for array in (good, factors.scale, factors.offset):
-        array.flags.writeable = False
-    kest.arq.codes(good, factors, np.uint8(8), channel_axis=-1)
-    for num_bits, error in ((16, ValueError), (np.float32(3.9), TypeError), ("8", TypeError), (-1, ValueError)):
-        with pytest.raises(error, match="num_bits has to be"):
+    for num_bits in (1, 9):
+        with pytest.raises(ValueError, match="num_bits has to be 2 to 8"):
             kest.arq.codes(good, factors, num_bits, channel_axis=-1)
 
 
-def test_threads_have_their_own_results_and_log_lines():
-    def work(seed):
+def test_threads_have_their_own_log_lines():
+    def work(channel):
+        weights = np.ones((8, 999), np.float32)
+        weights[channel, 5] = np.inf
         for _ in range(50):
-            weights = np.random.default_rng(seed).normal(size=(8, 999)).astype(np.float32)
-            scale, *_, values = plain(weights, 8, False)
-            found, factors = kest.arq.fake_quantise(weights)
-            same.append(np.array_equal(factors.scale, scale) and np.array_equal(found, values))
-            weights[seed, 5] = np.inf
-            try:
+            with pytest.raises(kest.ScaleError) as raised:
                 kest.arq.calibrate(weights)
-            except kest.ScaleError as error:
-                lines.append(error.log.count("[ERROR]"))
+            assert raised.value.log.count("[ERROR]") == 2
 
-    same, lines = [], []
-    threads = [threading.Thread(target=work, args=(seed,)) for seed in range(4)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    assert all(same) and len(lines) == 200 and set(lines) == {lines[0]}
+    with ThreadPoolExecutor(4) as threads:
+        list(threads.map(work, range(4)))

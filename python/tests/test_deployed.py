@@ -54,7 +54,6 @@ def test_one_factor_for_all():
 
 
 @pytest.mark.parametrize("call, name", [
-    (lambda v, w: kest.deployed.quantise(v, 1, num_bits=0), "num_bits"),
     (lambda v, w: kest.deployed.dequantise(v, w, channel_axis=2), "channel_axis"),
     (lambda v, w: kest.deployed.dequantise(v, w, channel_axis=0), "words"),
     (lambda v, w: kest.deployed.dequantise(v, w, channel_axis=1, input_multiplier=0), "input_multiplier"),

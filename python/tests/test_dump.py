@@ -1,5 +1,7 @@
 """Dump files byte for byte, and back."""
 
+import os
+
 import kest
 import numpy as np
 import pytest
@@ -9,11 +11,14 @@ import pytest
 @pytest.mark.parametrize("shape", [(2, 3, 5), (7,), (), (4, 0)])
 def test_files_and_back(tmp_path, code, dtype, shape):
     values = np.asarray(np.random.default_rng(code).normal(scale=10, size=shape)).astype(dtype)
-    (tmp_path / "é_batch4000000000.bin").write_bytes(b"x" * 999)  # is replaced
-    path = kest.dump.write(tmp_path, "é", 4000000000, values)
-    assert path == tmp_path / "é_batch4000000000.bin"
+    directory = tmp_path / "d\udcff"  # a byte that is no UTF-8, as the system's functions have it
+    directory.mkdir()
+    (directory / "é\udcfe_batch4000000000.bin").write_bytes(b"x" * 999)  # is replaced
+    given = [directory, str(directory), bytes(directory), os.fsencode(directory) + b"/"][code]
+    path = kest.dump.write(given, "é\udcfe", 4000000000, values)
+    assert path == directory / "é\udcfe_batch4000000000.bin"
     assert path.read_bytes() == np.array([code, *shape], np.float32).tobytes() + values.tobytes()
-    back = kest.dump.read(str(path), len(shape))
+    back = kest.dump.read([path, str(path), bytes(path), path][code], len(shape))
     np.testing.assert_array_equal(back, values)
     assert back.dtype == dtype and back.shape == shape and back.flags.writeable
 
@@ -26,7 +31,7 @@ def test_files_that_cannot_be_written(tmp_path, capfd):
     (tmp_path / "full_batch0.bin").symlink_to("/dev/full")
     with pytest.raises(OSError, match="not written whole"):
         kest.dump.write(tmp_path, "full", 0, values)
-    for name, arguments in (("directory and name", ("a\0b", 0, values)), ("batch", ("a", 2**32, values)),
+    for name, arguments in (("name", ("a\0b", 0, values)), ("batch", ("a", 2**32, values)),
                             ("values", ("a", 0, np.ones((2**24 + 1, 0), np.float32)))):
         with pytest.raises(ValueError, match=f"^{name} (has|have) to"):
             kest.dump.write(tmp_path, *arguments)

@@ -70,9 +70,7 @@ def test_what_does_not_fit_is_an_error():
         with pytest.raises(error) as raised:
             kest.nuq.quantise(bad, 2)
         assert raised.value.step == "nuq.quantise" and "[ERROR]" in raised.value.log
-    for call, match in ((lambda: kest.nuq.quantise(weights, 0), "num_clusters"),
-                        (lambda: kest.nuq.quantise(weights, 2**31), "num_clusters"),
-                        (lambda: kest.nuq.codes(weights, factors, channel_axis=-1), r"scale has .*\(3,\)"),
+    for call, match in ((lambda: kest.nuq.codes(weights, factors, channel_axis=-1), r"scale has .*\(3,\)"),
                         (lambda: kest.nuq.fake_quantise(weights, Factors(factors.scale, factors.offset[:1],
                                                                          factors.clusters)), "offset"),
                         (lambda: kest.nuq.fake_quantise(weights, Factors(factors.scale, factors.offset,
@@ -83,5 +81,3 @@ def test_what_does_not_fit_is_an_error():
         kest.nuq.codes(weights * np.float32(np.nan), factors)
     with pytest.raises(kest.BadParamError, match="nuq.fake_quantise"):
         kest.nuq.fake_quantise(weights[:0], Factors(factors.scale[:0], factors.offset[:0], factors.clusters))
-    with pytest.raises(TypeError, match="weights has to be float32"):
-        kest.nuq.fake_quantise(weights.astype(np.float64), factors)

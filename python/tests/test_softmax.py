@@ -9,7 +9,9 @@ import pytest
 def test_rows_along_the_last_axis(dtype):
     values = np.random.default_rng(2).normal(scale=2, size=(3, 50, 10)).astype(dtype)
     values[1, 7, 3] = np.nan
+    values[1, 8, 3] = -np.inf
     d = values - np.fmax.reduce(values, axis=-1, keepdims=True)
+    d = np.where(d == -np.inf, dtype(-9), d)
     p = np.where(d <= -1.596, 0, 1 + d + d**2 / 2 + d**3 / 6)
     expected = p / p.sum(-1, keepdims=True)
     found = kest.softmax.rows(values)
@@ -24,11 +26,15 @@ def test_coefficients_and_threshold():
     np.testing.assert_array_equal(kest.softmax.rows(values, cube=0.25, threshold=-2), np.float32([0, 0.2, 0.8]))
 
 
+def test_rows_that_have_no_softmax():
+    rows = np.array([[np.inf, 1], [np.nan, 1], [-np.inf, -np.inf], [-1e39, -np.inf]])
+    assert np.isnan(kest.softmax.rows(rows)).all()
+
+
 def test_arguments_that_do_not_fit():
-    with pytest.raises(ValueError, match="threshold has to be negative"):
-        kest.softmax.rows(np.ones(3), threshold=0)
+    for threshold in (0, np.nan, -1e-50):
+        with pytest.raises(ValueError, match="threshold has to be negative"):
+            kest.softmax.rows(np.ones(3), threshold=threshold)
     with pytest.raises(ValueError, match="the last axis"):
         kest.softmax.rows(np.array(1.0))
-    with pytest.raises(TypeError, match="values has to be float32 or float64"):
-        kest.softmax.rows(np.ones(3, int))
     assert kest.softmax.rows(np.ones((4, 0))).shape == (4, 0)

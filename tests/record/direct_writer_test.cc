@@ -195,6 +195,7 @@ TEST(DirectWriter, EachStepMayFail) {
             {{kByPath, {}, "/"}, STATUS_FILE_ERROR, "[ERROR]P: Failed to open file.\n"},
             {{kByPath, {"fstat"}}, STATUS_FILE_ERROR, "[ERROR]P: Failed to stat file.\n"},
             {{kByPath, {"close"}}, STATUS_FILE_ERROR, "[ERROR]P: Failed to close file.\n"},
+            {{kByPath, {"close", 1}}, STATUS_RUNTIME_ERROR, kNoWrite + "[ERROR]P: Write F to \"conv1\" failed.\n"},
             {{kByPath, {"read", 1}}, STATUS_FILE_ERROR, "[ERROR]P: Failed to read file.\n"},
             {{kByPath, {}, "", kLimit - kOld.size()}, STATUS_FILE_ERROR, "[ERROR]P: file(LINK)" + tooLarge},
             {{O_RDWR, {}, "", more}, STATUS_FILE_ERROR, "[ERROR]K: record file" + tooLarge},

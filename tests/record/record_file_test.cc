@@ -1,197 +1,21 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <tests/record/record_test_util.h>
 
-#include <atomic>
-#include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <functional>
-#include <new>
-
-// The library calls the system and the allocator through these, so that a test can let the n-th call fail.
-
-namespace {
-
-struct Fault {
-    std::string call;
-    int error;
-    int before;  // calls that succeed
-    int times;   // calls that then fail
-};
-std::vector<Fault> faults;
-bool writesPieces = false;          // no call writes more than half of what it is given
-std::atomic<long> allocations{-1};  // before one fails; negative is never
-
-bool Fails(const char* call) {
-    for (Fault& fault : faults) {
-        if (fault.call != call || fault.times == 0 || fault.before-- > 0) continue;
-        --fault.times;
-        errno = fault.error;
-        return true;
-    }
-    return false;
-}
-
-template <typename... Args>
-long Call(const char* name, long number, Args... args) {
-    return Fails(name) ? -1 : syscall(number, args...);
-}
-
-// Not inlined: the compiler would take free for the wrong way to delete what new gave.
-__attribute__((noinline)) void* Allocate(std::size_t size) {
-    return allocations >= 0 && allocations-- == 0 ? nullptr : std::malloc(size);
-}
-__attribute__((noinline)) void Free(void* memory) {
-    std::free(memory);
-}
-
-}  // namespace
-
-extern "C" {
-ssize_t write(int fd, const void* data, size_t size) {
-    return Call("write", SYS_write, fd, data, writesPieces && size > 1 ? size / 2 : size);
-}
-ssize_t read(int fd, void* data, size_t size) {
-    return Call("read", SYS_read, fd, data, size);
-}
-int fsync(int fd) {
-    return static_cast<int>(Call("fsync", SYS_fsync, fd));
-}
-int close(int fd) {
-    const long result = syscall(SYS_close, fd);
-    return Fails("close") ? -1 : static_cast<int>(result);
-}
-int fchmod(int fd, mode_t mode) noexcept {
-    return static_cast<int>(Call("fchmod", SYS_fchmod, fd, mode));
-}
-int renameat(int from, const char* old, int to, const char* name) noexcept {
-    return static_cast<int>(Call("renameat", SYS_renameat, from, old, to, name));
-}
-int openat(int directory, const char* name, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = va_arg(arguments, mode_t);
-    va_end(arguments);
-    return static_cast<int>(Call((flags & O_CREAT) != 0 ? "create" : "open", SYS_openat, directory, name, flags, mode));
-}
-}
-
-void* operator new(std::size_t size) {
-    void* memory = Allocate(size);
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size);
-}
-void operator delete(void* memory) noexcept {
-    Free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    Free(memory);
-}
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-    Free(memory);
-}
 
 namespace {
 
 const std::string kOld = "record {\n  key: \"conv1\"\n  value {\n    offset_d: 1\n  }\n}\n";
 const std::string kNew = "record {\n  key: \"conv1\"\n  value {\n    scale_d: 0.5\n    offset_d: 3\n  }\n}\n";
-const std::string kLong = kOld + std::string(500, '\n');  // longer than what is written over it
 
 int Update(const std::string& file) {
     const float scale = 0.5f;
     const int offset = 3;
     return KestTfOp::WriteDataToRecordFile(&scale, &offset, "conv1", file, "hide");
-}
-
-int OpenFiles() {
-    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
-
-TEST(RecordFile, FailureLeavesOldBytesOrNew) {
-    const Fault inPlace = {"create", EACCES, 0, 1};
-    const struct {
-        const char* why;
-        std::vector<Fault> faults;
-        int status;
-    } rows[] = {
-        {"nothing fails", {}, STATUS_OK},
-        {"cannot read", {{"read", EIO, 0, 1}}, RECORD_OPEN_ERROR},
-        {"read interrupted", {{"read", EINTR, 0, 2}}, STATUS_OK},
-        {"no room for a new file", {{"create", ENOSPC, 0, 1}}, RECORD_OPEN_ERROR},
-        {"temporary name taken", {{"create", EEXIST, 0, 2}}, STATUS_OK},
-        {"cannot keep the mode", {{"fchmod", EIO, 0, 1}}, RECORD_OPEN_ERROR},
-        {"disk full", {{"write", ENOSPC, 1, 1}}, RECORD_OPEN_ERROR},
-        {"write interrupted", {{"write", EINTR, 1, 3}}, STATUS_OK},
-        {"cannot sync", {{"fsync", EIO, 0, 1}}, RECORD_OPEN_ERROR},
-        {"sync interrupted", {{"fsync", EINTR, 0, 2}}, STATUS_OK},
-        {"cannot close", {{"close", EIO, 1, 1}}, RECORD_OPEN_ERROR},  // the first one closes what was read
-        {"close interrupted", {{"close", EINTR, 1, 1}}, STATUS_OK},
-        {"cannot rename", {{"renameat", EIO, 0, 1}}, RECORD_OPEN_ERROR},
-        {"directory takes no file", {inPlace}, STATUS_OK},
-        {"read-only file system around the file", {{"create", EROFS, 0, 1}}, STATUS_OK},
-        {"sticky directory", {{"renameat", EPERM, 0, 1}}, STATUS_OK},
-        {"file is a mount point", {{"renameat", EBUSY, 0, 1}}, STATUS_OK},
-        {"in place: the old bytes cannot be saved", {inPlace, {"read", EIO, 2, 1}}, RECORD_OPEN_ERROR},
-        {"in place: disk full", {inPlace, {"write", ENOSPC, 1, 1}}, RECORD_OPEN_ERROR},
-        {"in place: cannot sync", {inPlace, {"fsync", EIO, 0, 1}}, RECORD_OPEN_ERROR},
-    };
-    TempDir directory;
-    const std::string file = directory / "record.txt";
-    const int numOpen = OpenFiles();
-    for (const auto& row : rows) {
-        for (const std::string& old : {kOld, kLong}) {
-            SCOPED_TRACE(row.why);
-            WriteText(file, old);
-            faults = row.faults;
-            writesPieces = true;
-            const int status = Update(file);
-            writesPieces = false;
-            for (const Fault& fault : faults) EXPECT_EQ(0, fault.times) << fault.call << " never came to fail";
-            faults.clear();
-            EXPECT_EQ(row.status, status);
-            EXPECT_EQ(status == STATUS_OK ? kNew : old, ReadText(file));
-            EXPECT_EQ(1, directory.NumFiles()) << "a temporary file stayed";
-            EXPECT_EQ(numOpen, OpenFiles());
-            EXPECT_EQ(1, SemaphoreCount());
-        }
-    }
-}
-
-/// Each allocation of an update fails once: as a status or as std::bad_alloc, with all as it was before.
-TEST(RecordFile, FailingAllocations) {
-    TempDir directory;
-    const std::string file = directory / "record.txt";
-    const std::string old =
-        "record { value { scale_d: +1.5 } } record { key: too_long_to_be_stored_without_an_allocation "
-        "value { scale_w: 1 } } prune_record { x }";
-    WriteText(file, old);
-    const int numOpen = OpenFiles();
-    int status = -1, numThrown = 0, numFailed = 0;
-    for (long n = 0; status != STATUS_OK; ++n) {
-        SCOPED_TRACE(n);
-        allocations = n;
-        try {
-            status = Update(file);
-            ++numFailed;
-        } catch (const std::bad_alloc&) {
-            status = RECORD_DATA_ERROR;
-            ++numThrown;
-        }
-        const bool allSucceeded = allocations.exchange(-1) >= 0;
-        ASSERT_EQ(allSucceeded ? STATUS_OK : RECORD_DATA_ERROR, status) << "a failed allocation went unnoticed";
-        ASSERT_EQ(allSucceeded, ReadText(file) != old);
-        ASSERT_EQ(1, SemaphoreCount());
-        ASSERT_EQ(1, directory.NumFiles());
-        ASSERT_EQ(numOpen, OpenFiles());
-    }
-    EXPECT_GT(numThrown, 50);
-    EXPECT_GT(numFailed, 50);
 }
 
 /// The result of `body` in a child process without root's rights.

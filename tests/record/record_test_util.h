@@ -17,7 +17,8 @@
 /// A directory of the test's own that every user may write to; goes with the object.
 class TempDir {
 public:
-    TempDir() : path_((std::filesystem::temp_directory_path() / "kest-XXXXXX").string()) {
+    explicit TempDir(const std::filesystem::path& parent = std::filesystem::temp_directory_path())
+        : path_(parent / "kest-XXXXXX") {
         if (mkdtemp(path_.data()) == nullptr || chmod(path_.c_str(), 0777) != 0) std::abort();
     }
     ~TempDir() { std::filesystem::remove_all(path_); }

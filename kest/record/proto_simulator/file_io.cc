@@ -2,6 +2,7 @@
 #include <kest/record/proto_simulator/file_io.h>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
 namespace kest_tf {
@@ -28,12 +30,40 @@ bool File::Close() {
     return close(std::exchange(fd_, -1)) == 0 || errno == EINTR;
 }
 
+namespace {
+
+/// The directory of the file that `path` leads to; not open if there is none. It must be readable to be locked.
+File OpenDirectoryOf(const char* path) {
+    char resolved[PATH_MAX];
+    if (realpath(path, resolved) == nullptr) return File(AT_FDCWD, "", O_RDONLY);
+    std::strrchr(resolved, '/')[1] = '\0';
+    return File(AT_FDCWD, resolved, O_RDONLY | O_DIRECTORY);
+}
+
+}  // namespace
+
+DirectoryLock::DirectoryLock(const char* path) : directory_(OpenDirectoryOf(path)) {
+    while (directory_.IsOpen() && flock(directory_.Get(), LOCK_EX) != 0 && errno == EINTR) {
+    }
+}
+
+DirectoryLock::~DirectoryLock() {
+    if (directory_.IsOpen()) flock(directory_.Get(), LOCK_UN);  // a child forked meanwhile may keep the descriptor
+}
+
 bool WriteAll(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t count = write(fd, bytes.data(), bytes.size());
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) return false;
         bytes.remove_prefix(static_cast<size_t>(count));
+    }
+    return true;
+}
+
+bool Truncate(int fd, std::size_t size) {
+    while (ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        if (errno != EINTR) return false;
     }
     return true;
 }
@@ -69,13 +99,13 @@ bool Sync(int fd) {
 }
 
 /// The path at the end of the chain of symbolic links that starts at `path`; nothing needs to be there. Empty for a
-/// chain without end.
+/// chain without end, or if a link cannot be read.
 std::string FollowLinks(std::string path) {
     constexpr int kMaxLinks = 40;  // the kernel's own limit
     char link[PATH_MAX];
     for (int i = 0; i < kMaxLinks; ++i) {
         const ssize_t length = readlink(path.c_str(), link, sizeof(link));
-        if (length < 0) return path;
+        if (length < 0) return errno == EINVAL || errno == ENOENT ? path : std::string();  // no link; nothing there
         const bool isAbsolute = length > 0 && link[0] == '/';
         path.resize(isAbsolute ? 0 : path.rfind('/') + 1);  // npos + 1 is 0
         path.append(link, static_cast<size_t>(length));
@@ -89,8 +119,7 @@ bool WriteDirectly(const char* path, const std::string& text) {
 }
 
 bool Overwrite(int fd, const std::string& text) {
-    return lseek(fd, 0, SEEK_SET) == 0 && WriteAll(fd, text) && ftruncate(fd, static_cast<off_t>(text.size())) == 0 &&
-           Sync(fd);
+    return lseek(fd, 0, SEEK_SET) == 0 && WriteAll(fd, text) && Truncate(fd, text.size()) && Sync(fd);
 }
 
 /// For a file whose directory takes no new one.
@@ -98,7 +127,7 @@ bool RewriteInPlace(int directory, const char* name, const std::string& text) {
     File file(directory, name, O_RDWR | O_NOFOLLOW);
     std::string old;
     if (!file.IsOpen() || !ReadAll(file.Get(), old)) return false;
-    if (Overwrite(file.Get(), text)) return file.Close();
+    if (Overwrite(file.Get(), text)) return true;  // synced: closing can lose nothing
     Overwrite(file.Get(), old);
     return false;
 }
@@ -107,8 +136,9 @@ bool RewriteInPlace(int directory, const char* name, const std::string& text) {
 /// where neither is allowed, the file becomes the updater's.
 bool KeepOwnerAndMode(int fd, const struct stat& old) {
     constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
-    if (fchown(fd, old.st_uid, old.st_gid) != 0 && fchown(fd, kSameOwner, old.st_gid) != 0 && errno != EPERM) {
-        return false;
+    for (const uid_t owner : {old.st_uid, kSameOwner}) {
+        if (fchown(fd, owner, old.st_gid) == 0) break;
+        if (errno != EPERM && errno != EINVAL) return false;  // EINVAL: an owner from outside a user namespace
     }
     return fchmod(fd, old.st_mode & 07777) == 0;
 }
@@ -125,7 +155,7 @@ Outcome Refusal(int error) {
 /// Writes `text` to a new file beside `name`, which then takes its place. `old` is null if there is nothing yet.
 Outcome ReplaceByRename(int directory, const char* name, const struct stat* old, const std::string& text) {
     static std::atomic<unsigned> counter{0};
-    constexpr int kMaxAttempts = 1000;  // a process killed in here may have left files of our id behind
+    constexpr int kMaxAttempts = 1 << 20;  // processes killed in here, of our id, may have left that many files
     char temporary[64];
     for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
         std::snprintf(temporary, sizeof(temporary), ".kest-%ld-%u.tmp", static_cast<long>(getpid()), counter++);

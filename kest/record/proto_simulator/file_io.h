@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -28,8 +29,25 @@ private:
     int fd_;
 };
 
+/// Keeps other processes and threads off the files of a directory for a scope, as far as they take this lock, which
+/// KestTfOp::RecordLock describes. Waits for it.
+class DirectoryLock {
+public:
+    /// `path` is that of a file in the directory.
+    explicit DirectoryLock(const char* path);
+    DirectoryLock(const DirectoryLock&) = delete;
+    DirectoryLock& operator=(const DirectoryLock&) = delete;
+    ~DirectoryLock();
+
+private:
+    const File directory_;
+};
+
 /// False if not all bytes can be written.
 bool WriteAll(int fd, std::string_view bytes);
+
+/// Gives a file the length `size`; false if that cannot be done.
+bool Truncate(int fd, std::size_t size);
 
 /// Reads the file at `path` into `text`. RECORD_PATH_ERROR if the path cannot be resolved, RECORD_OPEN_ERROR if what
 /// it leads to cannot be opened or read.

@@ -34,10 +34,11 @@ namespace kest_tf {
 ///
 /// STATUS_OK, or RECORD_OPEN_ERROR for whatever goes wrong: the file then holds its old bytes, or does not exist if it
 /// did not. The text goes to a temporary file beside the target, which takes over the target's mode (and owner where
-/// allowed), is synced and renamed over it; nothing is left behind. A symbolic link stays and its target is replaced.
-/// A file that may not be written is refused. In a directory that takes no new file the file is overwritten in place,
-/// and its old bytes are put back on a failure, where that is possible. What is no regular file (a pipe, a device) is
-/// written to directly. No lock is taken. May throw std::bad_alloc, with the file as it was.
+/// allowed), is synced and renamed over it; nothing is left behind, unless the file system refuses to remove it. A
+/// symbolic link stays and its target is replaced. A file that may not be written is refused. In a directory that takes
+/// no new file the file is overwritten in place, and its old bytes are put back on a failure, where that is possible.
+/// What is no regular file (a pipe, a device) is written to directly. No lock is taken: KestTfOp::RecordLock is one.
+/// May throw std::bad_alloc, with the file as it was.
 KEST_EXPORT int WriteToRecordFile(InnerData& root, const std::string& path);
 
 }  // namespace kest_tf

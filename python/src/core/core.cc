@@ -10,7 +10,7 @@ void Translate(const std::exception_ptr& exception, void* /*payload*/) {
         try {
             const nb::object raised =
                 nb::module_::import_("kest._errors")
-                    .attr("error_of")(error.status, error.step.c_str(), nb::bytes(error.log.data(), error.log.size()));
+                    .attr("error_of")(error.status, error.step.name.c_str(), Bytes(error.log), Bytes(error.step.file));
             PyErr_SetObject(raised.type().ptr(), raised.ptr());
         } catch (nb::python_error& failure) {
             failure.restore();

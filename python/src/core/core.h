@@ -22,19 +22,27 @@ using Input = nb::ndarray<const T, nb::c_contig, nb::device::cpu>;
 template <typename T>
 using Output = nb::ndarray<T, nb::c_contig, nb::device::cpu>;
 
+/// What is called, for an error that tells of it.
+struct Step {
+    std::string name;
+    std::string file;  ///< that it works on, empty if there is none
+
+    Step(const char* function, std::string path = {}) : name(function), file(std::move(path)) {}
+};
+
 /// A status other than 0. Becomes the exception that kest._errors has for it.
 struct StatusError : std::exception {
     int status;
-    std::string step;
+    Step step;
     std::string log;
 
-    StatusError(int failed, std::string name, std::string lines)
-        : status(failed), step(std::move(name)), log(std::move(lines)) {}
+    StatusError(int failed, Step failing, std::string lines)
+        : status(failed), step(std::move(failing)), log(std::move(lines)) {}
 };
 
 /// Calls kest without the interpreter's lock. `call` returns a status and touches no Python object.
 template <typename Call>
-void Run(const char* step, Call call) {
+void Run(const Step& step, Call call) {
     util::LogCapture capture;
     int status;
     {
@@ -53,6 +61,13 @@ inline util::IntData View(const Output<int>& array) {
 template <typename T>
 unsigned int Length(const T& array) {
     return static_cast<unsigned int>(array.size());
+}
+
+inline std::string Text(const nb::bytes& bytes) {
+    return {bytes.c_str(), bytes.size()};
+}
+inline nb::bytes Bytes(const std::string& text) {
+    return nb::bytes(text.data(), text.size());
 }
 
 void BindArq(nb::module_& module);

@@ -10,13 +10,14 @@ using namespace nb::literals;
 
 /// kest's log lines, none if the file could be opened: the kernel's status is always 0.
 template <typename T>
-std::string Write(const Input<T>& values, const std::string& directory, const std::string& name, unsigned int batch,
+std::string Write(const Input<T>& values, const nb::bytes& directory, const nb::bytes& name, unsigned int batch,
                   const Input<float>& shape) {
+    kest_tf::DumpParam param{
+        Text(directory), Text(name), batch, {shape.data(), shape.data() + shape.size()}, Length(shape)};
     util::LogCapture capture;
     const nb::gil_scoped_release release;
     const kest_tf::DumpFunctor<util::ThreadPoolDevice, T> dump;
-    dump(values.data(), Length(values),
-         {directory, name, batch, {shape.data(), shape.data() + shape.size()}, Length(shape)});
+    dump(values.data(), Length(values), std::move(param));
     return std::move(capture.lines);
 }
 

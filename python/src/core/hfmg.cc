@@ -1,6 +1,5 @@
 #include <kest/activation_calib/hfmg.h>
 
-#include <mutex>
 #include <vector>
 
 #include "core.h"
@@ -10,49 +9,41 @@ namespace {
 
 using namespace nb::literals;
 
-/// The histogram of one calibrator. Calls of several threads wait for each other without the interpreter's lock.
+/// counts[i] values in [edges[i], edges[i + 1]); no bins without counts.
 template <typename T>
-class HfmgBins {
-public:
-    explicit HfmgBins(int numBins) : numBins_(numBins) {}
+std::vector<KestCommon::DataBin<T>> Bins(const Input<unsigned int>& counts, const Input<T>& edges) {
+    std::vector<KestCommon::DataBin<T>> bins(counts.size());
+    for (std::size_t i = 0; i < bins.size(); ++i) bins[i] = {counts.data()[i], edges.data()[i], edges.data()[i + 1]};
+    return bins;
+}
 
-    void Add(const Input<T>& batch) {
-        Run("hfmg.Calibrator.add", [&] {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            // It takes a pointer to values that may change, but only reads them.
-            const KestCommon::InputData<T> input{Length(batch), const_cast<T*>(batch.data())};
-            return KestCommon::HfmgMerge(numBins_, bins_, input);
-        });
-    }
+/// The histogram with the batch goes to newCounts and newEdges, as many bins as these have room for.
+template <typename T>
+void Add(const Input<unsigned int>& counts, const Input<T>& edges, const Input<T>& batch,
+         const Output<unsigned int>& newCounts, const Output<T>& newEdges) {
+    Run("hfmg.Calibrator.add", [&] {
+        std::vector<KestCommon::DataBin<T>> bins = Bins(counts, edges);
+        // It takes a pointer to values that may change, but only reads them.
+        const KestCommon::InputData<T> input{Length(batch), const_cast<T*>(batch.data())};
+        const int status = KestCommon::HfmgMerge(static_cast<int>(newCounts.size()), bins, input);
+        if (status != STATUS_OK) return status;
+        newEdges.data()[0] = bins[0].lowerBound;
+        for (std::size_t i = 0; i < bins.size(); ++i) {
+            newCounts.data()[i] = bins[i].count;
+            newEdges.data()[i + 1] = bins[i].upperBound;
+        }
+        return STATUS_OK;
+    });
+}
 
-    /// numBins counts, numBins + 1 edges.
-    void Read(const Output<unsigned int>& counts, const Output<T>& edges) {
-        Run("hfmg.Calibrator.histogram", [&] {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            if (bins_.empty() || counts.size() < bins_.size() || edges.size() <= bins_.size())
-                return EMPTY_CONTAINER_ERROR;
-            edges.data()[0] = bins_[0].lowerBound;
-            for (std::size_t i = 0; i < bins_.size(); ++i) {
-                counts.data()[i] = bins_[i].count;
-                edges.data()[i + 1] = bins_[i].upperBound;
-            }
-            return STATUS_OK;
-        });
-    }
-
-    void Factors(unsigned int numBits, bool withOffset, const Output<float>& scale, const Output<int>& offset) {
-        Run("hfmg.Calibrator.factors", [&] {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            const KestCommon::HfmgAlgoParam param{numBits, withOffset, static_cast<unsigned int>(numBins_)};
-            return KestCommon::HfmgCompute(bins_, scale.data()[0], offset.data()[0], param);
-        });
-    }
-
-private:
-    int numBins_;
-    std::mutex mutex_;
-    std::vector<KestCommon::DataBin<T>> bins_;
-};
+template <typename T>
+void Factors(const Input<unsigned int>& counts, const Input<T>& edges, unsigned int numBits, bool withOffset,
+             const Output<float>& scale, const Output<int>& offset) {
+    Run("hfmg.Calibrator.factors", [&] {
+        std::vector<KestCommon::DataBin<T>> bins = Bins(counts, edges);
+        return KestCommon::HfmgCompute(bins, scale.data()[0], offset.data()[0], {numBits, withOffset, Length(counts)});
+    });
+}
 
 /// `bounds`: minimum, maximum.
 template <typename T>
@@ -65,13 +56,11 @@ void ActivationArq(const Input<T>& bounds, unsigned int numBits, bool withOffset
 }
 
 template <typename T>
-void Bind(nb::module_& module, const char* className) {
-    nb::class_<HfmgBins<T>>(module, className)
-        .def(nb::init<int>(), "num_bins"_a)
-        .def("add", &HfmgBins<T>::Add, "batch"_a.noconvert())
-        .def("read", &HfmgBins<T>::Read, "counts"_a.noconvert(), "edges"_a.noconvert())
-        .def("factors", &HfmgBins<T>::Factors, "num_bits"_a, "with_offset"_a, "scale"_a.noconvert(),
-             "offset"_a.noconvert());
+void Bind(nb::module_& module) {
+    module.def("hfmg_add", Add<T>, "counts"_a.noconvert(), "edges"_a.noconvert(), "batch"_a.noconvert(),
+               "new_counts"_a.noconvert(), "new_edges"_a.noconvert());
+    module.def("hfmg_factors", Factors<T>, "counts"_a.noconvert(), "edges"_a.noconvert(), "num_bits"_a, "with_offset"_a,
+               "scale"_a.noconvert(), "offset"_a.noconvert());
     module.def("hfmg_activation_arq", ActivationArq<T>, "bounds"_a.noconvert(), "num_bits"_a, "with_offset"_a,
                "scale"_a.noconvert(), "offset"_a.noconvert());
 }
@@ -79,8 +68,8 @@ void Bind(nb::module_& module, const char* className) {
 }  // namespace
 
 void BindHfmg(nb::module_& module) {
-    Bind<float>(module, "HfmgBinsFloat");
-    Bind<double>(module, "HfmgBinsDouble");
+    Bind<float>(module);
+    Bind<double>(module);
 }
 
 }  // namespace core

@@ -11,7 +11,7 @@ template <typename T>
 void Calibrate(const Input<T>& values, unsigned int numBits, bool withOffset, float startRatio, float endRatio,
                float step, float maxPercentile, float minPercentile, const Output<float>& scale,
                const Output<int>& offset) {
-    Run("ifmr.Calibrator.factors", [&] {
+    Run("ifmr.Calibrator", [&] {
         const KestCommon::IfmrParam param{0,        numBits, withOffset,    startRatio,
                                           endRatio, step,    maxPercentile, minPercentile};
         // It takes a pointer to values that may change, but only reads them when it calibrates.

@@ -1,6 +1,7 @@
 #include <kest/record/direct_writer.h>
 #include <kest/record/proto_simulator/record_proto.h>
 #include <kest/record/proto_simulator/record_writer.h>
+#include <kest/record/record_lock.h>
 #include <kest/record/record_update.h>
 
 #include <cerrno>
@@ -12,10 +13,6 @@ namespace core {
 namespace {
 
 using namespace nb::literals;
-
-std::string Text(const nb::bytes& bytes) {
-    return {bytes.c_str(), bytes.size()};
-}
 
 /// The lock of kest's own updates, for what they do not cover.
 class UpdateLock {
@@ -52,10 +49,6 @@ nb::object Scalar(const kest_tf::Data& node, const char* name) {
     return found == nullptr ? nb::none() : nb::cast(found->scalar);
 }
 
-nb::bytes Bytes(const std::string& text) {
-    return nb::bytes(text.data(), text.size());
-}
-
 nb::bytes String(const kest_tf::Data& node, const char* name) {
     const auto* found = Find<kest_tf::StringData>(node, name);
     return found == nullptr ? nb::bytes("", 0) : Bytes(found->scalar);
@@ -71,7 +64,7 @@ nb::bytes Items(const kest_tf::Data& node, const char* name) {
 nb::tuple Read(const nb::bytes& path) {
     Root root;
     const std::string file = Text(path);
-    Run("record.read", [&] { return kest_tf::ParseRecordFile(file, root); });
+    Run({"record.read", file}, [&] { return kest_tf::ParseRecordFile(file, root); });
     nb::list records;
     for (const kest_tf::RecordData* record : root.records) {
         const kest_tf::Data& value = *record->Value();  // records of the parser have one
@@ -90,7 +83,7 @@ nb::bytes CanonicalText(const nb::bytes& path) {
     Root root;
     std::string text;
     const std::string file = Text(path);
-    Run("record.canonical_text", [&] {
+    Run({"record.canonical_text", file}, [&] {
         const int status = kest_tf::ParseRecordFile(file, root);
         if (status == STATUS_OK) text = root.Dump();
         return status;
@@ -101,8 +94,8 @@ nb::bytes CanonicalText(const nb::bytes& path) {
 void Rewrite(const nb::bytes& path) {
     Root root;
     const std::string file = Text(path);
-    Run("record.rewrite", [&] {
-        const UpdateLock lock;
+    Run({"record.rewrite", file}, [&] {
+        const KestTfOp::RecordLock lock(file);
         const int status = kest_tf::ParseRecordFile(file, root);
         return status == STATUS_OK ? kest_tf::WriteToRecordFile(root, file) : status;
     });
@@ -110,12 +103,13 @@ void Rewrite(const nb::bytes& path) {
 
 void UpdateData(const nb::bytes& path, const nb::bytes& layer, float scale, int offset, const nb::bytes& dstType) {
     const std::string file = Text(path), name = Text(layer), type = Text(dstType);
-    Run("record.update_data", [&] { return KestTfOp::WriteDataToRecordFile(&scale, &offset, name, file, type); });
+    Run({"record.update_data", file},
+        [&] { return KestTfOp::WriteDataToRecordFile(&scale, &offset, name, file, type); });
 }
 
 void UpdateWeights(const nb::bytes& path, const nb::bytes& layer, const Input<float>& scale, const Input<int>& offset) {
     const std::string file = Text(path), name = Text(layer);
-    Run("record.update_weights", [&] {
+    Run({"record.update_weights", file}, [&] {
         return KestTfOp::WriteWeightToRecordFile(scale.data(), offset.data(), static_cast<int>(scale.size()), name,
                                                  file);
     });
@@ -124,7 +118,7 @@ void UpdateWeights(const nb::bytes& path, const nb::bytes& layer, const Input<fl
 void UpdateNuq(const nb::bytes& path, const nb::bytes& layer, const Input<float>& scale, const Input<int>& offset,
                const Input<int>& cluster) {
     const std::string file = Text(path), name = Text(layer);
-    Run("record.update_nuq", [&] {
+    Run({"record.update_nuq", file}, [&] {
         return KestTfOp::WriteNuqRecordToFile(scale.data(), offset.data(), cluster.data(),
                                               static_cast<int>(scale.size()), static_cast<int>(cluster.size()), name,
                                               file);
@@ -133,14 +127,14 @@ void UpdateNuq(const nb::bytes& path, const nb::bytes& layer, const Input<float>
 
 void UpdateShiftBits(const nb::bytes& path, const nb::bytes& layer, const Input<int>& shiftBits) {
     const std::string file = Text(path), name = Text(layer);
-    Run("record.update_shift_bits", [&] {
+    Run({"record.update_shift_bits", file}, [&] {
         return KestTfOp::WriteShiftNToRecordFile(shiftBits.data(), static_cast<int>(shiftBits.size()), name, file);
     });
 }
 
 void UpdateBalanceFactors(const nb::bytes& path, const nb::bytes& layer, const Input<float>& factors) {
     const std::string file = Text(path), name = Text(layer);
-    Run("record.update_balance_factors", [&] {
+    Run({"record.update_balance_factors", file}, [&] {
         return KestTfOp::WriteTensorBalanceFactorToRecordFile(factors.data(), static_cast<int>(factors.size()), name,
                                                               file);
     });
@@ -148,7 +142,7 @@ void UpdateBalanceFactors(const nb::bytes& path, const nb::bytes& layer, const I
 
 void InsertData(const nb::bytes& path, const nb::bytes& layer, float scale, int offset, int onnxType) {
     const std::string file = Text(path), name = Text(layer);
-    Run("record.insert_data", [&] {
+    Run({"record.insert_data", file}, [&] {
         const UpdateLock lock;
         return RecordScaleOffset(file, name, {1, &scale}, {1, &offset}, onnxType);
     });
@@ -156,7 +150,7 @@ void InsertData(const nb::bytes& path, const nb::bytes& layer, float scale, int 
 
 void InsertWeights(const nb::bytes& path, const nb::bytes& layer, float scale, int offset) {
     const std::string file = Text(path), name = Text(layer);
-    Run("record.insert_weights", [&] {
+    Run({"record.insert_weights", file}, [&] {
         const UpdateLock lock;
         return RecordScaleOffsetWeight(file, name, {1, &scale}, {1, &offset});
     });
@@ -165,7 +159,7 @@ void InsertWeights(const nb::bytes& path, const nb::bytes& layer, float scale, i
 template <typename T>
 void InsertValues(const nb::bytes& path, const nb::bytes& layer, const nb::bytes& field, const Input<T>& values) {
     const std::string file = Text(path), name = Text(layer), fieldName = Text(field);
-    Run("record.insert_values", [&] {
+    Run({"record.insert_values", file}, [&] {
         const UpdateLock lock;
         return util::RecordRepeatData(file, name, std::vector<T>(values.data(), values.data() + values.size()),
                                       fieldName);

@@ -52,35 +52,42 @@ void SearchIntegers(const Input<int>& values, const Output<int>& shiftBits) {
     });
 }
 
-/// The errors of each channel so far. Used by one call at a time.
-class ShiftErrors {
-public:
-    void Add(const Input<float>& values, int inner, bool perTensor, const Output<float>& scale) {
-        Run("shift.Searcher.feed", [&] {
-            Layout layout(values.size(), scale.size(), inner);
-            KestTfOp::DataParam param{layout.shape, true, Layout::kFormat, nullptr};
-            KestTfOp::SearchnV2QuantParam<float> quant{perTensor, nullptr, scale.data(),
-                                                       static_cast<int>(scale.size())};
-            sums_.length = static_cast<int>(values.size());
-            sums_.data = const_cast<float*>(values.data());  // only read
-            int batchCounter = 0;    // the first one, which sizes a table that is empty and keeps another
-            int batchNum = INT_MAX;  // never the last one
-            return KestTfOp::SearchNV2Functor<util::ThreadPoolDevice, float>()(param, batchCounter, batchNum, sums_,
-                                                                               quant);
-        });
-    }
+using ErrorTable = std::vector<std::vector<float>>;
 
-    /// Those of as many rows as there are entries; the errors of all channels together are row 0.
-    void Find(const Output<int>& shiftBits) {
-        Run("shift.Searcher.shift_bits", [&] {
-            util::IntData view = View(shiftBits);
-            return KestCommon::SearchNV2FindBestNCpu(sums_.errorTable, view, false);
-        });
-    }
+ErrorTable Rows(const Output<float>& errors) {
+    ErrorTable rows;
+    for (float* row = errors.data(); rows.size() < errors.shape(0); row += errors.shape(1))
+        rows.emplace_back(row, row + errors.shape(1));
+    return rows;
+}
 
-private:
-    KestCommon::SearchnV2InputParam<float> sums_{};
-};
+/// Adds to `errors`, a row of all shifts for each channel.
+void AddErrors(const Input<float>& values, int inner, bool perTensor, const Output<float>& scale,
+               const Output<float>& errors) {
+    Run("shift.Searcher.feed", [&] {
+        Layout layout(values.size(), scale.size(), inner);
+        KestTfOp::DataParam param{layout.shape, true, Layout::kFormat, nullptr};
+        KestTfOp::SearchnV2QuantParam<float> quant{perTensor, nullptr, scale.data(), static_cast<int>(scale.size())};
+        KestCommon::SearchnV2InputParam<float> sums{Rows(errors), static_cast<int>(values.size()),
+                                                    const_cast<float*>(values.data())};  // only read
+        int batchCounter = 0;
+        int batchNum = INT_MAX;  // never the last one
+        const int status =
+            KestTfOp::SearchNV2Functor<util::ThreadPoolDevice, float>()(param, batchCounter, batchNum, sums, quant);
+        float* out = errors.data();
+        for (const std::vector<float>& row : sums.errorTable) out = std::copy(row.begin(), row.end(), out);
+        return status;
+    });
+}
+
+/// Those of as many rows as there are entries; the errors of all channels together are row 0.
+void FindBest(const Output<float>& errors, const Output<int>& shiftBits) {
+    Run("shift.Searcher.shift_bits", [&] {
+        ErrorTable rows = Rows(errors);
+        util::IntData view = View(shiftBits);
+        return KestCommon::SearchNV2FindBestNCpu(rows, view, false);
+    });
+}
 
 }  // namespace
 
@@ -88,10 +95,9 @@ void BindShift(nb::module_& module) {
     module.def("shift_search", Search, "values"_a.noconvert(), "inner"_a, "per_tensor"_a, "scale"_a.noconvert(),
                "shift_bits"_a.noconvert(), "shift_bits_float"_a.noconvert());
     module.def("shift_search_integers", SearchIntegers, "values"_a.noconvert(), "shift_bits"_a.noconvert());
-    nb::class_<ShiftErrors>(module, "ShiftErrors")
-        .def(nb::init<>())
-        .def("add", &ShiftErrors::Add, "values"_a.noconvert(), "inner"_a, "per_tensor"_a, "scale"_a.noconvert())
-        .def("find", &ShiftErrors::Find, "shift_bits"_a.noconvert());
+    module.def("shift_add_errors", AddErrors, "values"_a.noconvert(), "inner"_a, "per_tensor"_a, "scale"_a.noconvert(),
+               "errors"_a.noconvert());
+    module.def("shift_find_best", FindBest, "errors"_a.noconvert(), "shift_bits"_a.noconvert());
 }
 
 }  // namespace core

@@ -1,3 +1,4 @@
+#include <kest/kernel_frame/scale.h>
 #include <kest/weight_quant/ulq.h>
 #include <nanobind/stl/tuple.h>
 
@@ -71,6 +72,12 @@ void FakeQuantiseWeights(const Input<float>& weights, const Input<float>& steps,
     });
 }
 
+void WeightFactors(const Input<float>& learned, bool reciprocal, const Output<float>& scale,
+                   const Output<int>& offset) {
+    const nb::gil_scoped_release release;
+    KestCommon::ProcessScale(learned.data(), scale.data(), offset.data(), static_cast<int>(learned.size()), reciprocal);
+}
+
 template <typename T>
 void BindGradients(nb::module_& module) {
     module.def("ulq_gradients", Gradients<T>, "activations"_a.noconvert(), "upstream"_a.noconvert(), "upper"_a,
@@ -90,6 +97,8 @@ void BindUlq(nb::module_& module) {
                "highest"_a.noconvert(), "lowest"_a.noconvert(), "steps"_a.noconvert());
     module.def("ulq_fake_quantise_weights", FakeQuantiseWeights, "weights"_a.noconvert(), "steps"_a.noconvert(),
                "num_bits"_a, "reciprocal"_a, "out"_a.noconvert());
+    module.def("ulq_weight_factors", WeightFactors, "learned"_a.noconvert(), "reciprocal"_a, "scale"_a.noconvert(),
+               "offset"_a.noconvert());
 }
 
 }  // namespace core

@@ -1,5 +1,7 @@
 """Exact, fast CPU kernels that quantise TensorFlow models: numpy in, numpy out."""
 
+from importlib.metadata import version
+
 from kest import (
     arq,
     balance,
@@ -20,6 +22,8 @@ from kest import (
 )
 from kest._activation import ActivationFactors
 from kest._errors import BadParamError, KestError, RecordFileError, ScaleError
+
+__version__ = version("kest")
 
 __all__ = [
     "ActivationFactors",

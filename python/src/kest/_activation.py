@@ -6,10 +6,9 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-from kest._arrays import checked
-from kest._tensors import checked_int
+from kest._arrays import checked, checked_int, checked_offset
 
-_LARGEST_LENGTH = 2**32 - 1
+MOST_VALUES = 2**32 - 1  # of one call
 
 
 @dataclass(frozen=True)
@@ -30,10 +29,15 @@ class FactorArrays:
 
     def __init__(self, factors: ActivationFactors = ActivationFactors(0, 0)) -> None:
         self.scale = np.array([factors.scale], np.float32)
-        self.offset = np.array([checked_int("offset", factors.offset, -(2**31))], np.int32)
+        self.offset = np.array([checked_offset(factors.offset)], np.int32)
 
     def factors(self) -> ActivationFactors:
         return ActivationFactors(float(self.scale[0]), int(self.offset[0]))
+
+
+def checked_values(name: str, values: npt.NDArray[Any], *dtypes: npt.DTypeLike) -> npt.NDArray[Any]:
+    """`checked`, for lengths of 32 bits."""
+    return checked(name, values, *dtypes, longest=MOST_VALUES)
 
 
 def float_dtype(dtype: npt.DTypeLike) -> np.dtype[Any]:
@@ -41,11 +45,3 @@ def float_dtype(dtype: npt.DTypeLike) -> np.dtype[Any]:
     if found not in (np.dtype(np.float32), np.dtype(np.float64)):
         raise TypeError(f"dtype has to be float32 or float64, not {found.name}")
     return found
-
-
-def checked_values(name: str, values: npt.NDArray[Any], *dtypes: npt.DTypeLike) -> npt.NDArray[Any]:
-    """An array whose length fits 32 bits."""
-    checked(name, values, *dtypes)
-    if values.size > _LARGEST_LENGTH:
-        raise ValueError(f"{name} has to have fewer than 2^32 elements")
-    return values

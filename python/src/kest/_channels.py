@@ -1,38 +1,54 @@
-"""Weights and the axis of their channels."""
+"""Tensors and the axis of their channels."""
 
-from typing import Any, TypeVar
+from typing import Any, SupportsIndex, TypeVar
 
 import numpy as np
 import numpy.typing as npt
 
-from kest._arrays import checked
-from kest._tensors import checked_tensor
+from kest._arrays import axis_of, check_shape, checked
 
-Float = TypeVar("Float", np.float32, np.float64)
 Scalar = TypeVar("Scalar", bound=np.generic)
 
 
-def number_of_channels(
-    weights: npt.NDArray[Any], channel_axis: int | None, *dtypes: npt.DTypeLike
+def channels_of(
+    values: npt.NDArray[Any],
+    channel_axis: SupportsIndex | None,
+    name: str,
+    factors: npt.NDArray[Any],
+    dtype: npt.DTypeLike,
+) -> tuple[int, int]:
+    """How many channels `values` has on any axis, one without an axis, and how many elements lie behind each.
+
+    Raises:
+        TypeError, ValueError: as axis_of; as checked, and for another shape than one entry a channel, of `factors`.
+    """
+    count, stride = (1, values.size) if channel_axis is None else axis_of("channel_axis", values, channel_axis)
+    check_shape(name, checked(name, factors, dtype), (count,))
+    return count, stride
+
+
+def channels_of_weights(
+    weights: npt.NDArray[Any], channel_axis: SupportsIndex | None, *dtypes: npt.DTypeLike
 ) -> tuple[int, bool]:
     """How many channels the weights have, and whether they are the last axis.
 
     Raises:
-        TypeError, ValueError: as checked_tensor.
+        TypeError, ValueError: as checked and axis_of.
         ValueError: the axis is neither the first nor the last, nor None.
     """
-    checked_tensor("weights", weights, *dtypes)
+    checked("weights", weights, *dtypes)
     if channel_axis is None:
         return 1, False
-    if weights.ndim == 0 or channel_axis not in (0, -1, weights.ndim - 1):
+    count, _ = axis_of("channel_axis", weights, channel_axis)
+    if channel_axis not in (0, -weights.ndim, -1, weights.ndim - 1):
         raise ValueError("channel_axis has to be the first or the last axis, or None for one scale")
-    return weights.shape[channel_axis], channel_axis != 0
+    return count, channel_axis not in (0, -weights.ndim)
 
 
-def one_a_channel(name: str, array: npt.NDArray[Any], dtype: npt.DTypeLike, num_channels: int) -> None:
-    """Raises TypeError and ValueError as checked, or ValueError for an array without one entry a channel."""
-    if checked(name, array, dtype).shape != (num_channels,):
-        raise ValueError(f"{name} has to have the shape ({num_channels},), not {array.shape}")
+def check_factors(scale: npt.NDArray[np.float32], offset: npt.NDArray[np.int32], num_channels: int) -> None:
+    """Raises TypeError and ValueError as checked, or ValueError for arrays without one entry a channel."""
+    check_shape("scale", checked("scale", scale, np.float32), (num_channels,))
+    check_shape("offset", checked("offset", offset, np.int32), (num_channels,))
 
 
 def to_first(weights: npt.NDArray[Scalar], channel_last: bool) -> npt.NDArray[Scalar]:

@@ -161,8 +161,7 @@ def unreadable(file: str, error: RecordFileError) -> Finding:
             return Finding(file, broken.line, None, None, broken.message)
         except OSError:
             pass
-    reasons = {5: "no such file", 6: "cannot be opened, read or written"}
-    return Finding(file, None, None, None, reasons.get(error.status, f"cannot be read (status {error.status})"))
+    return Finding(file, None, None, None, error.meaning)
 
 
 def check(file: str) -> list[Finding]:

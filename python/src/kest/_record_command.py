@@ -2,12 +2,15 @@
 
 import argparse
 import difflib
+import functools
 import json
 import os
 import shutil
 import sys
+import tempfile
 from collections.abc import Sequence
-from dataclasses import asdict
+from dataclasses import asdict, replace
+from importlib.metadata import version
 from typing import Any
 
 import numpy as np
@@ -33,6 +36,28 @@ _NOTHING, _FOUND, _FAILED = 0, 1, 2
 
 class _Failure(Exception):
     """What is said on standard error before the command gives up."""
+
+
+@functools.cache
+def _spooled(source: str) -> "tempfile._TemporaryFileWrapper[bytes]":
+    """The content of a stream, which can be read once, in a file that lasts as long as this process."""
+    spool = tempfile.NamedTemporaryFile(prefix="kest-record-")
+    with open(source, "rb") as opened:
+        shutil.copyfileobj(opened, spool)
+    spool.flush()
+    return spool
+
+
+def _path(file: str) -> str:
+    """A file that can be read twice and holds what `file` does: standard input, a pipe, or the file itself."""
+    source = "/dev/stdin" if file == "-" else file
+    is_stream = os.path.exists(source) and not os.path.isfile(source) and not os.path.isdir(source)
+    return _spooled(source).name if is_stream else source
+
+
+def _shown(text: str) -> str:
+    """As a terminal can take it: what cannot be printed, such as bytes that are no UTF-8, is escaped."""
+    return "".join(c if c.isprintable() else c.encode("unicode_escape").decode() for c in text)
 
 
 def _is_given(value: Any) -> bool:
@@ -64,7 +89,7 @@ def _number(count: int, noun: str) -> str:
 def _text(value: Any) -> str:
     if isinstance(value, (bool, np.bool_)):
         return "true" if value else "false"
-    return str(value)
+    return _shown(str(value))
 
 
 def _summary(value: Any) -> str:
@@ -82,7 +107,7 @@ def _summary(value: Any) -> str:
 def _print_table(records: Sequence[Record]) -> None:
     names = [name for name in _FIELDS if any(_is_given(getattr(found, name)) for found in records)]
     rows = [["layer", *names]] + [
-        [found.key or "(no key)", *(_summary(getattr(found, name)) for name in names)] for found in records
+        [_shown(found.key) or "(no key)", *(_summary(getattr(found, name)) for name in names)] for found in records
     ]
     widths = [max(map(len, column)) for column in zip(*rows, strict=True)]
     is_left = ["layer", "dst_type", "skip_fusion"]
@@ -107,7 +132,7 @@ def _print_values(values: Any) -> None:
 
 
 def _print_layer(found: Record) -> None:
-    print(found.key)
+    print(_shown(found.key))
     for name in _FIELDS:
         value = getattr(found, name)
         if isinstance(value, np.ndarray) and len(value) > 1:
@@ -144,10 +169,11 @@ def _check(arguments: argparse.Namespace) -> int:
     status = _NOTHING
     found: list[dict[str, Any]] = []
     for file in arguments.file:
+        path = _path(file)
         try:
-            findings = check(file)
+            findings = [replace(finding, file=file) for finding in check(path)]
         except RecordFileError as error:
-            reason = unreadable(file, error)
+            reason = replace(unreadable(path, error), file=file)
             _complain(str(reason))
             found.append(asdict(reason))
             status = _FAILED
@@ -157,8 +183,8 @@ def _check(arguments: argparse.Namespace) -> int:
             status = max(status, _FOUND)
         if not arguments.json:
             for finding in findings:
-                print(finding)
-            print(f"{file}: {_number(len(findings), 'finding')}")
+                print(_shown(str(finding)))
+            print(f"{_shown(file)}: {_number(len(findings), 'finding')}")
     if arguments.json:
         _print_json(found)
     return status
@@ -211,14 +237,14 @@ def _diff(arguments: argparse.Namespace) -> int:
             }
         )
     elif not is_same:
-        print(f"--- {arguments.a}\n+++ {arguments.b}")
+        print(f"--- {_shown(arguments.a)}\n+++ {_shown(arguments.b)}")
         for sign, layers in (("-", only_a), ("+", only_b)):
             for layer in layers:
-                print(f"{sign} {layer}")
+                print(f"{sign} {_shown(layer)}")
         last = None
         for layer, name, old, new in changed:
             if layer != last:
-                print(f"! {layer}")
+                print(f"! {_shown(layer)}")
             last = layer
             print(f"    {name:<22}{_change(old, new)}")
         if pruned[0] != pruned[1]:
@@ -227,29 +253,37 @@ def _diff(arguments: argparse.Namespace) -> int:
 
 
 def _fmt(arguments: argparse.Namespace) -> int:
+    path = _path(arguments.file)
+    if arguments.write and path != arguments.file:
+        raise _Failure(f"{arguments.file}: a stream, which fmt cannot replace")
     try:
-        text = record.canonical_text(arguments.file).encode("utf-8", "surrogateescape")
+        text = record.canonical_text(path).encode("utf-8", "surrogateescape")
         if not arguments.write:
             sys.stdout.buffer.write(text)
         else:
-            with open(arguments.file, "rb") as opened:
+            with open(path, "rb") as opened:
                 is_canonical = opened.read() == text
             if not is_canonical:
-                record.rewrite(arguments.file)
+                record.rewrite(path)
     except RecordFileError as error:
-        raise _Failure(str(unreadable(arguments.file, error))) from error
+        raise _failure(arguments.file, path, error) from error
     return _NOTHING
 
 
 def _read(file: str) -> RecordFile:
+    path = _path(file)
     try:
-        return record.read(file)
+        return record.read(path)
     except RecordFileError as error:
-        raise _Failure(str(unreadable(file, error))) from error
+        raise _failure(file, path, error) from error
+
+
+def _failure(file: str, path: str, error: RecordFileError) -> _Failure:
+    return _Failure(str(replace(unreadable(path, error), file=file)))
 
 
 def _complain(message: str) -> None:
-    print(f"kest-record: {message}", file=sys.stderr)
+    print(f"kest-record: {_shown(message)}", file=sys.stderr)
 
 
 def _parser() -> argparse.ArgumentParser:
@@ -257,35 +291,63 @@ def _parser() -> argparse.ArgumentParser:
         prog="kest-record",
         description="Looks at record files: the quantisation factors of a model, one record a layer.",
         epilog="Exit status: 0 nothing found, 1 findings or differences, 2 wrong usage or an unreadable file. "
-        "No file is changed, except by fmt --write.",
+        "No file is changed, except by fmt --write. A FILE of - is standard input.",
     )
+    parser.add_argument("--version", action="version", version=f"kest {version('kest')}")
     commands = parser.add_subparsers(metavar="COMMAND", required=True)
 
-    show = commands.add_parser("show", help="a table of all layers, or all values of some")
-    show.add_argument("file", metavar="FILE")
+    def command(name: str, run: Any, purpose: str, details: str) -> argparse.ArgumentParser:
+        added = commands.add_parser(name, help=purpose, description=f"{purpose.capitalize()}. {details}")
+        added.set_defaults(run=run)
+        return added
+
+    file = "a record file, or - for standard input"
+    show = command("show", _show, "a table of all layers, or all values of some", "Lists show their lengths and ends.")
+    show.add_argument("file", metavar="FILE", help=file)
     show.add_argument("layer", metavar="LAYER", nargs="*", help="show all values of these layers")
-    show.set_defaults(run=_show)
 
-    checking = commands.add_parser("check", help="say what is wrong with files")
-    checking.add_argument("file", metavar="FILE", nargs="+")
-    checking.set_defaults(run=_check)
+    checking = command(
+        "check",
+        _check,
+        "say what is wrong with files",
+        "With line numbers: text that cannot be read; scales that are zero, negative or too small; numbers that read "
+        "as others; lists whose lengths differ; what is given twice or missing.",
+    )
+    checking.add_argument("file", metavar="FILE", nargs="+", help=file)
 
-    diff = commands.add_parser("diff", help="compare two files by layer and field, whatever the order of the layers")
-    diff.add_argument("a", metavar="A")
-    diff.add_argument("b", metavar="B")
-    diff.set_defaults(run=_diff)
+    diff = command(
+        "diff",
+        _diff,
+        "compare two files by layer and field, whatever the order of the layers",
+        "- marks a layer that only A has, + one that only B has, ! one whose fields differ.",
+    )
+    diff.add_argument("a", metavar="A", help=file)
+    diff.add_argument("b", metavar="B", help=file)
 
-    fmt = commands.add_parser("fmt", help="print a file in canonical form, as an update writes it")
-    fmt.add_argument("file", metavar="FILE")
-    fmt.add_argument("--write", action="store_true", help="replace the file instead, unless it is canonical")
-    fmt.set_defaults(run=_fmt)
+    fmt = command(
+        "fmt",
+        _fmt,
+        "print a file in canonical form, as an update writes it",
+        "Numbers are what they read as: check says where that is another one.",
+    )
+    fmt.add_argument("file", metavar="FILE", help=file)
+    fmt.add_argument(
+        "--write",
+        action="store_true",
+        help="put it into the file instead, whole or not at all; a canonical file is left alone",
+    )
 
-    for command in (show, checking, diff):
-        command.add_argument("--json", action="store_true", help="write JSON")
+    for reader in (show, checking, diff):
+        reader.add_argument("--json", action="store_true", help="write JSON")
     return parser
 
 
 def main(argv: Sequence[str] | None = None) -> int:
+    # A stream that is closed is None.
+    sys.stderr = sys.stderr or open(os.devnull, "w")
+    if sys.stdout is None:
+        _complain("standard output is closed")
+        return _FAILED
     # Names of layers may hold what the terminal's encoding lacks.
     for stream in (sys.stdout, sys.stderr):
         stream.reconfigure(errors="backslashreplace")  # type: ignore[union-attr]
@@ -300,6 +362,6 @@ def main(argv: Sequence[str] | None = None) -> int:
         # What is still buffered cannot go out either, and must not fail again at exit.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         if not isinstance(error, BrokenPipeError):  # else a reader, such as head, that has seen enough
-            _complain(f"cannot write: {error.strerror}")
+            _complain(f"{error.filename or 'standard output'}: {error.strerror}")
         return _FAILED
     return status

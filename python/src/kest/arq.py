@@ -1,4 +1,8 @@
-"""ARQ: weights to one scale and offset a channel by their extremes."""
+"""ARQ: weights to one scale and offset a channel by their extremes.
+
+The affine scheme of Jacob et al., "Quantization and Training of Neural Networks for Efficient Integer-Arithmetic-Only
+Inference", 2018. A scale below 2^-23 becomes 1: a channel of tiny weights becomes 0.
+"""
 
 from dataclasses import dataclass
 
@@ -6,20 +10,21 @@ import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._channels import Float, number_of_channels, one_a_channel, to_first, to_last
-from kest._tensors import checked_int
+from kest._arrays import Float, checked_int
+from kest._channels import channels_of_weights, check_factors, to_first, to_last
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, eq=False)
 class Factors:
-    """A weight is about scale * (code - offset)."""
+    """A weight is about scale * (code - offset).
+
+    Attributes:
+        scale: float32, one a channel.
+        offset: int32, one a channel.
+    """
 
     scale: npt.NDArray[np.float32]
     offset: npt.NDArray[np.int32]
-
-
-def _new_factors(num_channels: int) -> Factors:
-    return Factors(np.zeros(num_channels, np.float32), np.zeros(num_channels, np.int32))
 
 
 def calibrate(
@@ -37,9 +42,11 @@ def calibrate(
         BadParamError: no weights, NaN among them, a bit width out of range.
         ScaleError: a channel with an infinite weight, or a range above 2^23 times the grid.
     """
-    num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
-    factors = _new_factors(num_channels)
-    _core.arq_calibrate(weights, checked_int("num_bits", num_bits, 0), bool(with_offset), channel_last, factors.scale, factors.offset)
+    num_channels, channel_last = channels_of_weights(weights, channel_axis, np.float32, np.float64)
+    factors = Factors(np.zeros(num_channels, np.float32), np.zeros(num_channels, np.int32))
+    _core.arq_calibrate(
+        weights, checked_int("num_bits", num_bits, 0), bool(with_offset), channel_last, factors.scale, factors.offset
+    )
     return factors
 
 
@@ -48,12 +55,19 @@ def fake_quantise(
 ) -> tuple[npt.NDArray[Float], Factors]:
     """Calibrates, and replaces every weight by scale * (code - offset).
 
-    Args and exceptions are those of calibrate.
+    Args:
+        weights: float32 or float64, any shape.
+        num_bits: the width of the grid, 2 to 31.
+        channel_axis: 0 or -1; None for one scale and offset.
+        with_offset: an asymmetric grid; without it offsets are 0.
 
     Returns:
         The weights on their grid, a new array, and the factors.
+
+    Raises:
+        BadParamError, ScaleError: as calibrate.
     """
-    _, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
+    _, channel_last = channels_of_weights(weights, channel_axis, np.float32, np.float64)
     factors = calibrate(weights, num_bits, channel_axis=channel_axis, with_offset=with_offset)
     values = weights.copy()
     if channel_last:
@@ -68,14 +82,19 @@ def codes(
 ) -> npt.NDArray[np.int8]:
     """The codes round(weight / scale) + offset of weights on a grid of up to 8 bits, in their shape.
 
+    Args:
+        weights: float32 or float64, any shape.
+        factors: one scale and offset for each channel.
+        num_bits: the width of the grid, 2 to 8.
+        channel_axis: 0 or -1; None for one scale and offset.
+
     Raises:
         BadParamError: no weights, NaN among them.
         ScaleError: an infinite scale or one above 2^23.
-        ValueError: a bit width above 8 or below 2; factors that do not fit the channels.
+        ValueError: num_bits out of range, factors that do not fit the channels.
     """
-    num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
-    one_a_channel("scale", factors.scale, np.float32, num_channels)
-    one_a_channel("offset", factors.offset, np.int32, num_channels)
+    num_channels, channel_last = channels_of_weights(weights, channel_axis, np.float32, np.float64)
+    check_factors(factors.scale, factors.offset, num_channels)
     first = to_first(weights, channel_last)
     found = np.empty(first.shape, np.int8)
     _core.arq_codes(first, checked_int("num_bits", num_bits, 2, 8), factors.scale, factors.offset, found)

@@ -1,10 +1,13 @@
-"""DMQ balancing: activations and weights share the difficulty of a channel's range."""
+"""DMQ balancing: activations and weights share the difficulty of a channel's range.
+
+Xiao et al., "Accurate and Efficient Post-Training Quantization for Large Language Models", 2023.
+"""
 
 import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._tensors import axis_of, checked_tensor
+from kest._arrays import axis_of, checked
 
 
 def dmq_factors(
@@ -36,8 +39,8 @@ def dmq_factors(
         ScaleError: a factor outside [2^-23, 2^23].
         ValueError: axes that are not there or differ in length.
     """
-    checked_tensor("activations", activations, np.float32)
-    checked_tensor("weights", weights, np.float32)
+    checked("activations", activations, np.float32)
+    checked("weights", weights, np.float32)
     num_channels, _ = axis_of("activation_axis", activations, activation_axis)
     if axis_of("weight_axis", weights, weight_axis)[0] != num_channels:
         raise ValueError(f"weights have to have {num_channels} channels along weight_axis, as activations do")

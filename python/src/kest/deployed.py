@@ -4,18 +4,8 @@ import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._arrays import checked
-from kest._tensors import axis_of, checked_int, checked_tensor
-
-
-def _channels(
-    values: npt.NDArray[np.generic], channel_axis: int | None, name: str, factors: npt.NDArray[np.generic]
-) -> tuple[int, int]:
-    """How many channels there are and how many elements lie behind each; `factors` has one entry for each."""
-    count, stride = (1, 1) if channel_axis is None else axis_of("channel_axis", values, channel_axis)
-    if factors.shape != (count,):
-        raise ValueError(f"{name} has to have the shape ({count},), not {factors.shape}")
-    return count, stride
+from kest._arrays import checked, checked_int
+from kest._channels import channels_of
 
 
 def quantise(
@@ -37,9 +27,8 @@ def quantise(
     Raises:
         ValueError: a bit width out of range.
     """
-    checked_tensor("values", values, np.float32)
-    if not 1 <= num_bits <= 32:
-        raise ValueError(f"num_bits has to be 1 to 32, not {num_bits}")
+    checked("values", values, np.float32)
+    num_bits = checked_int("num_bits", num_bits, 1, 32)
     found = np.empty_like(values)
     _core.deployed_quantise(values, scale, offset, num_bits, found)
     return found
@@ -49,7 +38,7 @@ def pack_words(scale: npt.NDArray[np.float32], shift: npt.ArrayLike = 0) -> npt.
     """The words that dequantise takes: the scale's bits in 0 to 31, the shift in 32 to 39.
 
     Args:
-        scale: float32, one entry a channel.
+        scale: float32, one entry a channel: that of the activations times that of the weights.
         shift: integers from 0 to 255: one for each channel, or one for all.
 
     Raises:
@@ -80,7 +69,7 @@ def dequantise(
     y * (2^N * scale) / input_multiplier, all in single precision.
 
     Args:
-        values: float32, integers, any shape.
+        values: whole numbers as float32, any shape.
         words: uint64, one for each channel, from pack_words.
         channel_axis: any axis of `values`; None for one word.
         input_multiplier: a 32-bit integer, not 0.
@@ -88,8 +77,8 @@ def dequantise(
     Raises:
         ValueError: words that do not fit the channels, a multiplier out of range.
     """
-    checked_tensor("values", values, np.float32)
-    count, stride = _channels(values, channel_axis, "words", checked("words", words, np.uint64))
+    checked("values", values, np.float32)
+    count, stride = channels_of(values, channel_axis, "words", words, np.uint64)
     input_multiplier = checked_int("input_multiplier", input_multiplier, -(2**31))
     if input_multiplier == 0:
         raise ValueError("input_multiplier has to be other than 0")
@@ -105,7 +94,7 @@ def anti_quantise(values: npt.NDArray[np.float32], scale: float) -> npt.NDArray[
         values: float32, any shape.
         scale: the step.
     """
-    checked_tensor("values", values, np.float32)
+    checked("values", values, np.float32)
     found = np.empty_like(values)
     _core.deployed_anti_quantise(values, scale, found)
     return found
@@ -124,8 +113,8 @@ def anti_quantise_weights(
     Raises:
         ValueError: offsets that do not fit the channels.
     """
-    checked_tensor("codes", codes, np.int8)
-    count, stride = _channels(codes, channel_axis, "offset", checked("offset", offset, np.int8))
+    checked("codes", codes, np.int8)
+    count, stride = channels_of(codes, channel_axis, "offset", offset, np.int8)
     found = np.empty(codes.shape, np.float32)
     _core.deployed_anti_quantise_weights(codes, offset, count, stride, found)
     return found

@@ -1,11 +1,13 @@
-"""Weight scales of layers whose batch normalisation is folded into the weights."""
+"""Weight scales of layers whose batch normalisation is folded into the weights.
+
+Jacob et al., "Quantization and Training of Neural Networks for Efficient Integer-Arithmetic-Only Inference", 2018.
+"""
 
 import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._arrays import checked
-from kest._tensors import checked_tensor
+from kest._arrays import check_shape, checked
 
 
 def fuse_weight_scales(
@@ -34,12 +36,11 @@ def fuse_weight_scales(
         ScaleError: an infinite fused scale.
         ValueError: arrays of more than one axis, or of different lengths.
     """
-    checked_tensor("scale", scale, np.float32)
+    checked("scale", scale, np.float32)
     if scale.ndim != 1:
         raise ValueError("scale has to have one axis")
     for name, array in (("gamma", gamma), ("variance", variance)):
-        if checked(name, array, np.float32).shape != scale.shape:
-            raise ValueError(f"{name} has to have the shape {scale.shape}, not {array.shape}")
+        check_shape(name, checked(name, array, np.float32), scale.shape)
     fused = np.empty_like(scale)
     _core.fusion_fuse_weight_scales(
         scale, gamma, variance, epsilon, multiplier, np.zeros(scale.shape, np.int32), fused

@@ -4,7 +4,7 @@ import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._tensors import checked_tensor
+from kest._arrays import checked
 
 
 def to_float16(values: npt.NDArray[np.float32]) -> npt.NDArray[np.float16]:
@@ -20,7 +20,7 @@ def to_float16(values: npt.NDArray[np.float32]) -> npt.NDArray[np.float16]:
     Returns:
         float16, in the shape of `values`.
     """
-    found = np.empty(checked_tensor("values", values, np.float32).shape, np.float16)
+    found = np.empty(checked("values", values, np.float32).shape, np.float16)
     _core.half_to_float16(values, found.view(np.uint16))
     return found
 
@@ -31,6 +31,6 @@ def to_float32(values: npt.NDArray[np.float16]) -> npt.NDArray[np.float32]:
     Args:
         values: float16, any shape.
     """
-    found = np.empty(checked_tensor("values", values, np.float16).shape, np.float32)
+    found = np.empty(checked("values", values, np.float16).shape, np.float32)
     _core.half_to_float32(values.view(np.uint16), found)
     return found

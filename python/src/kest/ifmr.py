@@ -1,25 +1,20 @@
-"""IFMR: activations to one scale and offset, by the clip range of smallest squared error over all values seen."""
+"""IFMR: activations to one scale and offset, by the clip range of smallest squared error over all values seen.
 
-from dataclasses import dataclass
-from typing import Any, TypeVar
+Clip ranges by least squared error: Choukroun et al., "Low-bit Quantization of Neural Networks for Efficient Inference",
+2019.
+"""
+
+from typing import Any
 
 import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._activation import ActivationFactors, FactorArrays, checked_values, float_dtype
+from kest._accumulator import Accumulator
+from kest._activation import MOST_VALUES, ActivationFactors, FactorArrays, checked_values, float_dtype
+from kest._arrays import Float, checked_int
 
-__all__ = ["ActivationFactors", "Bounds", "Calibrator", "fake_quantise", "percentile_bounds"]
-
-Float = TypeVar("Float", np.float32, np.float64)
-
-
-@dataclass(frozen=True)
-class Bounds:
-    """A range that contains zero."""
-
-    minimum: float
-    maximum: float
+__all__ = ["ActivationFactors", "Calibrator", "fake_quantise", "percentile_bounds"]
 
 
 def _check_percentiles(*percentiles: float) -> None:
@@ -28,11 +23,12 @@ def _check_percentiles(*percentiles: float) -> None:
             raise ValueError(f"a percentile has to be in (0, 1], not {percentile}")
 
 
-class Calibrator:
-    """Keeps a copy of every batch until it is asked for the factors.
+class Calibrator(Accumulator):
+    """Keeps a copy of every batch, for as long as it lives.
 
     Two percentiles bound the values. Of the clip ranges that a grid of ratios makes of the bound, the one whose
-    fake-quantised values have the smallest mean squared error wins, the first of equal ones.
+    fake-quantised values have the smallest mean squared error wins, the first of equal ones. Threads may share a
+    calibrator. Copies and pickles are snapshots that go on by themselves.
     """
 
     def __init__(
@@ -56,11 +52,18 @@ class Calibrator:
             max_percentile: the share of values at or below the upper bound, in (0, 1].
             min_percentile: the share of values at or above the lower bound, in (0, 1].
             dtype: that of the batches, float32 or float64.
+
+        Raises:
+            BadParamError: a grid of ratios that is empty, endless or too fine.
+            ValueError: num_bits or a percentile out of range.
         """
+        super().__init__()
+        num_bits = checked_int("num_bits", num_bits, 2, 31)
         _check_percentiles(max_percentile, min_percentile)
-        self._settings = (num_bits, with_offset, start_ratio, end_ratio, step, max_percentile, min_percentile)
+        self._settings = (num_bits, bool(with_offset), start_ratio, end_ratio, step, max_percentile, min_percentile)
         self._dtype = float_dtype(dtype)
-        self._batches: list[npt.NDArray[Any]] = [np.empty(0, self._dtype)]
+        self._batches: tuple[npt.NDArray[Any], ...] = (np.empty(0, self._dtype),)
+        self._factors(np.zeros(1, self._dtype))  # finds what is wrong with the settings before the batches come
 
     def add(self, batch: npt.NDArray[Float]) -> None:
         """Keeps a copy of a batch: any shape.
@@ -68,21 +71,28 @@ class Calibrator:
         Raises:
             ValueError: 2^32 values or more, this batch and those before it.
         """
-        checked_values("batch", batch, self._dtype)
-        if batch.size + sum(kept.size for kept in self._batches) >= 2**32:
-            raise ValueError("batch has to leave fewer than 2^32 values in all")
-        self._batches.append(batch.copy().reshape(-1))
+        kept = checked_values("batch", batch, self._dtype).reshape(-1).copy()
+        with self._lock:
+            if kept.size + sum(earlier.size for earlier in self._batches) > MOST_VALUES:
+                raise ValueError("batch has to leave fewer than 2^32 values in all")
+            self._batches += (kept,)
 
     def factors(self) -> ActivationFactors:
         """The scale and offset of all values so far.
 
         Raises:
-            BadParamError: no values, NaN among them, a bit width or a grid of ratios out of range.
+            BadParamError: no values, or NaN among them.
             ScaleError: a scale that is infinite or above 2^23.
-            KestError: a width of 0 or 1 bits.
         """
+        with self._lock:
+            if len(self._batches) > 1:
+                self._batches = (np.concatenate(self._batches),)
+            (values,) = self._batches
+        return self._factors(values)
+
+    def _factors(self, values: npt.NDArray[Any]) -> ActivationFactors:
         found = FactorArrays()
-        _core.ifmr_calibrate(np.concatenate(self._batches), *self._settings, found.scale, found.offset)
+        _core.ifmr_calibrate(values, *self._settings, found.scale, found.offset)
         return found.factors()
 
 
@@ -92,12 +102,13 @@ def fake_quantise(values: npt.NDArray[Float], factors: ActivationFactors, num_bi
     Args:
         values: float32 or float64, any shape; NaN counts as 0.
         factors: their scale is taken in single precision.
-        num_bits: the width of the grid, up to 31.
+        num_bits: the width of the grid, 1 to 31.
 
     Raises:
-        BadParamError: a bit width out of range.
         ScaleError: a scale below 2^-52.
+        ValueError: num_bits out of range.
     """
+    num_bits = checked_int("num_bits", num_bits, 1, 31)
     found = checked_values("values", values, np.float32, np.float64).copy()
     given = FactorArrays(factors)
     _core.ifmr_fake_quantise(found, num_bits, given.scale, given.offset)
@@ -106,8 +117,8 @@ def fake_quantise(values: npt.NDArray[Float], factors: ActivationFactors, num_bi
 
 def percentile_bounds(
     values: npt.NDArray[Float], *, max_percentile: float = 0.999999, min_percentile: float = 0.999999
-) -> Bounds:
-    """Bounds values by two percentiles; a bound on the wrong side of zero is zero.
+) -> tuple[float, float]:
+    """Bounds values by two percentiles: the lower bound, 0 or less, and the upper bound, 0 or more.
 
     Args:
         values: float32 or float64, any shape.
@@ -122,4 +133,5 @@ def percentile_bounds(
     _check_percentiles(max_percentile, min_percentile)
     bounds = np.empty(2, values.dtype)
     _core.ifmr_percentile_bounds(values, max_percentile, min_percentile, bounds)
-    return Bounds(*bounds.tolist())
+    low, high = bounds.tolist()
+    return low, high

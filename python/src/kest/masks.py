@@ -1,15 +1,13 @@
-"""Masks of weights: 1 where kept, 0 where pruned."""
+"""Masks of weights: 1 where kept, 0 where pruned.
 
-from typing import TypeVar
+N of M: Mishra et al., "Accelerating Sparse Deep Neural Networks", 2021.
+"""
 
 import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._arrays import checked
-from kest._tensors import axis_of, checked_int, checked_tensor
-
-Float = TypeVar("Float", np.float32, np.float64)
+from kest._arrays import Float, axis_of, check_shape, checked, checked_int
 
 _MAX_CHANNELS = 2**24  # the kernel counts groups in single precision
 
@@ -42,7 +40,7 @@ def n_of_m(
         BadParamError: no values.
         ValueError: counts out of range, a selection that does not fit, a workspace of 2^31 elements or more.
     """
-    checked_tensor("values", values, np.float32, np.float64)
+    checked("values", values, np.float32, np.float64)
     num_channels, stride = axis_of("axis", values, axis)
     if num_channels > _MAX_CHANNELS:
         raise ValueError("axis has to have at most 2^24 channels")
@@ -50,8 +48,7 @@ def n_of_m(
     keep = checked_int("keep", keep, 0)
     if selected is None:
         selected = np.ones(num_channels, np.bool_)
-    elif checked("selected", selected, np.bool_).shape != (num_channels,):
-        raise ValueError(f"selected has to have the shape ({num_channels},), not {selected.shape}")
+    check_shape("selected", checked("selected", selected, np.bool_), (num_channels,))
     chosen = selected.astype(values.dtype)  # a copy that no other thread changes
     num_selected = int(np.count_nonzero(chosen))
     group_size = min(group_size, max(1, num_selected))  # the zeros that would fill up a group go last
@@ -63,9 +60,7 @@ def n_of_m(
     mask = np.ones_like(values)
     workspace = np.empty(workspace_size, values.dtype)
     shape = (outer, num_channels, stride)
-    _core.masks_n_of_m(
-        values, chosen, workspace, shape, min(keep, group_size), group_size, mask
-    )
+    _core.masks_n_of_m(values, chosen, workspace, shape, min(keep, group_size), group_size, mask)
     return mask
 
 
@@ -112,13 +107,12 @@ def apply(
         ValueError: one axis twice, or a mask that does not fit them.
     """
     checked("mask", mask, np.float32, np.float64)
-    checked_tensor("values", values, mask.dtype)
+    checked("values", values, mask.dtype)
     num_rows, row_stride = axis_of("row_axis", values, row_axis)
     num_columns, column_stride = axis_of("column_axis", values, column_axis)
     if row_axis % values.ndim == column_axis % values.ndim:
         raise ValueError("row_axis and column_axis have to differ")
-    if mask.shape != (num_rows, num_columns):
-        raise ValueError(f"mask has to have the shape {(num_rows, num_columns)}, not {mask.shape}")
+    check_shape("mask", mask, (num_rows, num_columns))
     found = np.empty_like(values)
     _core.masks_apply(mask, values, row_stride, column_stride, found)
     return found

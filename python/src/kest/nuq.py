@@ -1,4 +1,9 @@
-"""NUQ: weights to a few integers that the whole tensor shares, with one scale and offset a channel."""
+"""NUQ: weights to a few integers that the whole tensor shares, with one scale and offset a channel.
+
+Weighted k-means (Lloyd, 1982) over the weights on ARQ's grid of 8 bits, a channel weighing by the square of its scale,
+from seeds as in k-means++ (Arthur and Vassilvitskii, 2007) but at fixed quantiles: nothing is random. Clustered
+weights: Han et al., "Deep Compression", 2016.
+"""
 
 from dataclasses import dataclass
 
@@ -6,11 +11,11 @@ import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._channels import Float, number_of_channels, one_a_channel, to_first, to_last
-from kest._tensors import checked_int, checked_tensor
+from kest._arrays import Float, checked, checked_int
+from kest._channels import channels_of_weights, check_factors, to_first, to_last
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, eq=False)
 class Factors:
     """A weight is about scale * (cluster + offset).
 
@@ -52,7 +57,7 @@ def quantise(
         ScaleError: a channel's scale is infinite or above 2^23.
         ValueError: num_clusters or channel_axis out of range.
     """
-    num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
+    num_channels, channel_last = channels_of_weights(weights, channel_axis, np.float32, np.float64)
     num_clusters = checked_int("num_clusters", num_clusters, 1, 256)
     num_iterations = checked_int("num_iterations", num_iterations, -(2**31))
     factors = Factors(
@@ -60,7 +65,9 @@ def quantise(
     )
     first = to_first(weights, channel_last)
     values = np.empty(first.shape, first.dtype)
-    _core.nuq_calibrate(first, num_iterations, bool(with_offset), values, factors.scale, factors.offset, factors.clusters)
+    _core.nuq_calibrate(
+        first, num_iterations, bool(with_offset), values, factors.scale, factors.offset, factors.clusters
+    )
     rows = values.reshape(num_channels, -1)
     rows += factors.offset[:, None].astype(rows.dtype)
     rows *= factors.scale[:, None].astype(rows.dtype)
@@ -78,7 +85,7 @@ def fake_quantise(
     Args:
         weights: float32, any shape.
         factors: one scale and offset for each channel, one cluster or more.
-        num_bits: the width of the grid.
+        num_bits: the width of the grid, 1 to 32.
         channel_axis: 0 or -1; None for one scale and offset.
 
     Returns:
@@ -86,12 +93,12 @@ def fake_quantise(
 
     Raises:
         BadParamError: no channels.
-        ValueError: factors that do not fit the channels, no clusters, or channel_axis out of range.
+        ValueError: factors that do not fit the channels, no clusters, num_bits or channel_axis out of range.
     """
-    num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32)
-    one_a_channel("scale", factors.scale, np.float32, num_channels)
-    one_a_channel("offset", factors.offset, np.int32, num_channels)
-    if checked_tensor("clusters", factors.clusters, np.int32).size == 0:
+    num_bits = checked_int("num_bits", num_bits, 1, 32)
+    num_channels, channel_last = channels_of_weights(weights, channel_axis, np.float32)
+    check_factors(factors.scale, factors.offset, num_channels)
+    if checked("clusters", factors.clusters, np.int32).size == 0:
         raise ValueError("clusters has to have one entry or more")
     first = to_first(weights, channel_last)
     values = np.empty(first.shape, first.dtype)
@@ -113,9 +120,8 @@ def codes(weights: npt.NDArray[Float], factors: Factors, *, channel_axis: int | 
         BadParamError: no weights, NaN or infinity among them.
         ValueError: factors that do not fit the channels, or channel_axis out of range.
     """
-    num_channels, channel_last = number_of_channels(weights, channel_axis, np.float32, np.float64)
-    one_a_channel("scale", factors.scale, np.float32, num_channels)
-    one_a_channel("offset", factors.offset, np.int32, num_channels)
+    num_channels, channel_last = channels_of_weights(weights, channel_axis, np.float32, np.float64)
+    check_factors(factors.scale, factors.offset, num_channels)
     first = to_first(weights, channel_last)
     found = np.empty(first.shape, np.int8)
     _core.nuq_codes(first.astype(np.float64, copy=False), factors.scale, factors.offset, found)

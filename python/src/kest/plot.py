@@ -33,8 +33,13 @@ def histogram(values: Histogram, clip_range: tuple[float, float], *, axes: Axes 
 
     Returns:
         The axes.
+
+    Raises:
+        ValueError: edges or bounds that are infinite or NaN, or bounds that are no range.
     """
     low, high = clip_range
+    if not (low <= high and np.isfinite([low, high, *values.edges]).all()):
+        raise ValueError("edges and clip_range have to be finite, the lower bound not above the upper one")
     if axes is None:
         axes = Figure(figsize=(8, 4.5), dpi=120, layout="constrained").subplots()
     left, right = min(low, float(values.edges[0])), max(high, float(values.edges[-1]))

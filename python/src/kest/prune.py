@@ -1,16 +1,15 @@
-"""Structured pruning: the output channels of a layer with the weakest filters."""
+"""Structured pruning: the output channels of a layer with the weakest filters.
 
-import operator
+Li et al., "Pruning Filters for Efficient ConvNets", 2017.
+"""
+
 from collections.abc import Sequence
-from typing import TypeVar
 
 import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._tensors import axis_of, checked_int, checked_tensor
-
-Float = TypeVar("Float", np.float32, np.float64)
+from kest._arrays import Float, axis_of, checked, checked_int
 
 
 def prune_count(num_channels: int, ratio: float, *, num_groups: int = 1, align_to_16: bool = False) -> int:
@@ -64,21 +63,21 @@ def keep_mask(
     """
     if len(tensors) == 0 or len(channel_axes) != len(tensors):
         raise ValueError("channel_axes has to have an entry for each tensor, of which there has to be one")
-    checked_tensor("tensors", tensors[0], np.float32, np.float64)
+    checked("tensors", tensors[0], np.float32, np.float64)
     num_channels, _ = axis_of("channel_axes", tensors[0], channel_axes[0])
     strides = []
     for tensor, axis in zip(tensors, channel_axes):
-        count, stride = axis_of("channel_axes", checked_tensor("tensors", tensor, tensors[0].dtype), axis)
+        count, stride = axis_of("channel_axes", checked("tensors", tensor, tensors[0].dtype), axis)
         if count != num_channels:
             raise ValueError(f"tensors have to have one number of channels, not {num_channels} and {count}")
         strides.append(stride)
-    # numpy's integers would wrap around in the sum.
-    sizes = [num_channels] if group_sizes is None else [operator.index(size) for size in group_sizes]
-    if any(size < 0 for size in sizes) or sum(sizes) != num_channels:
+    given = [num_channels] if group_sizes is None else group_sizes
+    sizes = [checked_int("group_sizes", size, 0, num_channels) for size in given]
+    if sum(sizes) != num_channels:
         raise ValueError(f"group_sizes has to have the sum {num_channels}")
-    counts = [operator.index(count) for count in prune_counts]
-    if len(counts) != len(sizes) or any(not 0 <= n <= size for n, size in zip(counts, sizes)):
-        raise ValueError("prune_counts has to have an entry for each group, of at most its size")
+    if len(prune_counts) != len(sizes):
+        raise ValueError("prune_counts has to have an entry for each group")
+    counts = [checked_int("prune_counts", n, 0, size) for n, size in zip(prune_counts, sizes)]
     mask = np.zeros(num_channels, tensors[0].dtype)
     _core.prune_keep_mask(list(tensors), strides, sizes, counts, np.empty_like(mask), mask)
     return mask

@@ -2,23 +2,18 @@
 
 Updates read a file, change one layer and replace the file by its canonical text; insertions put new lines at the start
 of a layer's value block without reading the rest. Both replace a file whole: at any moment, and after any failure, it
-holds its old bytes or its new ones. Within a process they exclude each other, from all threads; other processes are
-not kept out.
+holds its old bytes or its new ones. They exclude each other, within a process and, where the file system has locks,
+between processes.
 """
 
-import operator
-import os
 from dataclasses import dataclass
-from typing import Any
+from typing import Any, SupportsFloat
 
 import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._arrays import checked
-from kest._tensors import checked_int
-
-Path = str | os.PathLike[str]
+from kest._arrays import AnyPath, checked, checked_int, checked_offset, checked_path
 
 _LIST_TYPES: dict[str, type[np.generic]] = {
     "scale_w": np.float32,
@@ -87,13 +82,6 @@ def _encoded(text: str) -> bytes:
     return text.encode("utf-8", "surrogateescape")
 
 
-def _path(file: Path) -> bytes:
-    path = os.fsencode(file)
-    if b"\0" in path:
-        raise ValueError("file has to be a path without a NUL")
-    return path
-
-
 def _word(name: str, text: str) -> bytes:
     """A text that can be read back from between quotes."""
     for character in ' \t\n\r"\0':
@@ -108,16 +96,9 @@ def _layer(layer: str) -> bytes:
     return _word("layer", layer)
 
 
-def _offset(offset: int) -> int:
-    offset = operator.index(offset)
-    if not -(2**31) <= offset < 2**31:
-        raise ValueError(f"offset has to fit into 32 bits, not {offset}")
-    return offset
-
-
 def _list(name: str, array: npt.NDArray[Any], dtype: npt.DTypeLike) -> npt.NDArray[Any]:
-    if checked(name, array, dtype).ndim != 1 or array.size >= 2**31:
-        raise ValueError(f"{name} has to have one axis, shorter than 2^31, not the shape {array.shape}")
+    if checked(name, array, dtype).ndim != 1:
+        raise ValueError(f"{name} has to have one axis, not the shape {array.shape}")
     return array
 
 
@@ -126,7 +107,7 @@ def _same_length(scale: npt.NDArray[np.float32], offset: npt.NDArray[np.int32]) 
         raise ValueError(f"offset has to be as long as scale, {len(scale)}, not {len(offset)}")
 
 
-def read(file: Path) -> RecordFile:
+def read(file: AnyPath) -> RecordFile:
     """Reads a file.
 
     Numbers are what the library reads: inf, nan and words are 0, what is out of range is the nearest limit.
@@ -135,7 +116,7 @@ def read(file: Path) -> RecordFile:
         RecordFileError: no such file (status 5), one that cannot be read (6), a text that breaks off (13), a field that
             record files do not have (14).
     """
-    records, prune_records = _core.record_read(_path(file))
+    records, prune_records = _core.record_read(checked_path("file", file))
     return RecordFile(
         tuple(
             Record(
@@ -157,7 +138,7 @@ def read(file: Path) -> RecordFile:
     )
 
 
-def canonical_text(file: Path) -> str:
+def canonical_text(file: AnyPath) -> str:
     """The text that an update writes for what the file holds. The file stays as it is.
 
     Bytes that are no UTF-8 are surrogates: encode with "surrogateescape".
@@ -165,19 +146,19 @@ def canonical_text(file: Path) -> str:
     Raises:
         RecordFileError: as in read.
     """
-    return _decoded(_core.record_canonical_text(_path(file)))
+    return _decoded(_core.record_canonical_text(checked_path("file", file)))
 
 
-def rewrite(file: Path) -> None:
+def rewrite(file: AnyPath) -> None:
     """Replaces a file by its canonical text.
 
     Raises:
         RecordFileError: as in read; also status 6 for a file that cannot be written. The file is unchanged.
     """
-    _core.record_rewrite(_path(file))
+    _core.record_rewrite(checked_path("file", file))
 
 
-def update_data(file: Path, layer: str, scale: float, offset: int, *, dst_type: str | None = None) -> None:
+def update_data(file: AnyPath, layer: str, scale: SupportsFloat, offset: int, *, dst_type: str | None = None) -> None:
     """Sets scale_d and offset_d of a layer.
 
     Here and in all updates: the layer's record is appended if the file has none, and all other fields keep their
@@ -195,12 +176,10 @@ def update_data(file: Path, layer: str, scale: float, offset: int, *, dst_type: 
         ValueError: a layer name that is empty; a blank, line end, quote or NUL in it or in dst_type.
     """
     kind = _word("dst_type", dst_type or "hide")
-    _core.record_update_data(_path(file), _layer(layer), float(scale), _offset(offset), kind)
+    _core.record_update_data(checked_path("file", file), _layer(layer), float(scale), checked_offset(offset), kind)
 
 
-def update_weights(
-    file: Path, layer: str, scale: npt.NDArray[np.float32], offset: npt.NDArray[np.int32]
-) -> None:
+def update_weights(file: AnyPath, layer: str, scale: npt.NDArray[np.float32], offset: npt.NDArray[np.int32]) -> None:
     """Sets scale_w and offset_w of a layer, replacing the lists whole. See update_data.
 
     Args:
@@ -210,11 +189,11 @@ def update_weights(
         offset: int32, as long.
     """
     _same_length(scale, offset)
-    _core.record_update_weights(_path(file), _layer(layer), scale, offset)
+    _core.record_update_weights(checked_path("file", file), _layer(layer), scale, offset)
 
 
 def update_nuq(
-    file: Path,
+    file: AnyPath,
     layer: str,
     scale: npt.NDArray[np.float32],
     offset: npt.NDArray[np.int32],
@@ -230,10 +209,11 @@ def update_nuq(
         cluster: int32, one axis, any length.
     """
     _same_length(scale, offset)
-    _core.record_update_nuq(_path(file), _layer(layer), scale, offset, _list("cluster", cluster, np.int32))
+    clusters = _list("cluster", cluster, np.int32)
+    _core.record_update_nuq(checked_path("file", file), _layer(layer), scale, offset, clusters)
 
 
-def update_shift_bits(file: Path, layer: str, shift_bits: npt.NDArray[np.int32]) -> None:
+def update_shift_bits(file: AnyPath, layer: str, shift_bits: npt.NDArray[np.int32]) -> None:
     """Sets shift_bit of a layer, replacing the list whole. See update_data.
 
     Args:
@@ -241,10 +221,11 @@ def update_shift_bits(file: Path, layer: str, shift_bits: npt.NDArray[np.int32])
         layer: the layer's name.
         shift_bits: int32, one axis; -1 is kept as 2^64 - 1.
     """
-    _core.record_update_shift_bits(_path(file), _layer(layer), _list("shift_bits", shift_bits, np.int32))
+    values = _list("shift_bits", shift_bits, np.int32)
+    _core.record_update_shift_bits(checked_path("file", file), _layer(layer), values)
 
 
-def update_balance_factors(file: Path, layer: str, factors: npt.NDArray[np.float32]) -> None:
+def update_balance_factors(file: AnyPath, layer: str, factors: npt.NDArray[np.float32]) -> None:
     """Sets tensor_balance_factor of a layer, replacing the list whole. See update_data.
 
     Args:
@@ -252,10 +233,11 @@ def update_balance_factors(file: Path, layer: str, factors: npt.NDArray[np.float
         layer: the layer's name.
         factors: float32, one axis.
     """
-    _core.record_update_balance_factors(_path(file), _layer(layer), _list("factors", factors, np.float32))
+    values = _list("factors", factors, np.float32)
+    _core.record_update_balance_factors(checked_path("file", file), _layer(layer), values)
 
 
-def insert_data(file: Path, layer: str, scale: float, offset: int, *, onnx_type: int = 0) -> None:
+def insert_data(file: AnyPath, layer: str, scale: SupportsFloat, offset: int, *, onnx_type: int = 0) -> None:
     """Puts a line scale_d and one offset_d at the start of a layer's value block.
 
     Here and in all insertions: the record must be there, in canonical form. Nothing is removed, and a reader takes the
@@ -273,11 +255,12 @@ def insert_data(file: Path, layer: str, scale: float, offset: int, *, onnx_type:
         KestError: a file that cannot be read or holds nothing; no such layer; a failed write. The file is unchanged.
         ValueError: a layer name that is empty, or holds a blank, a line end, a quote or a NUL.
     """
+    path, key = checked_path("file", file), _layer(layer)
     element_type = checked_int("onnx_type", onnx_type, -(2**31))
-    _core.record_insert_data(_path(file), _layer(layer), float(scale), _offset(offset), element_type)
+    _core.record_insert_data(path, key, float(scale), checked_offset(offset), element_type)
 
 
-def insert_weights(file: Path, layer: str, scale: float, offset: int) -> None:
+def insert_weights(file: AnyPath, layer: str, scale: SupportsFloat, offset: int) -> None:
     """Puts a line scale_w and one offset_w at the start of a layer's value block. See insert_data.
 
     Args:
@@ -286,11 +269,11 @@ def insert_weights(file: Path, layer: str, scale: float, offset: int) -> None:
         scale: written with ten significant digits.
         offset: 32 bits.
     """
-    _core.record_insert_weights(_path(file), _layer(layer), float(scale), _offset(offset))
+    _core.record_insert_weights(checked_path("file", file), _layer(layer), float(scale), checked_offset(offset))
 
 
 def insert_values(
-    file: Path, layer: str, field: str, values: npt.NDArray[np.float32] | npt.NDArray[np.int32]
+    file: AnyPath, layer: str, field: str, values: npt.NDArray[np.float32] | npt.NDArray[np.int32]
 ) -> None:
     """Puts one line a value at the start of a layer's value block. See insert_data.
 
@@ -306,4 +289,4 @@ def insert_values(
     if field not in _LIST_TYPES:
         raise ValueError(f"field has to be one of {', '.join(_LIST_TYPES)}, not {field!r}")
     _list("values", values, _LIST_TYPES[field])
-    _core.record_insert_values(_path(file), _layer(layer), _encoded(field), values)
+    _core.record_insert_values(checked_path("file", file), _layer(layer), _encoded(field), values)

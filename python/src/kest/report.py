@@ -1,10 +1,11 @@
 """How far a tensor is from its reference, in all and channel by channel."""
 
 from dataclasses import dataclass
-from typing import Any
 
 import numpy as np
 import numpy.typing as npt
+
+from kest._arrays import axis_of, check_shape
 
 _MOST_ROWS = 8
 
@@ -12,6 +13,8 @@ _MOST_ROWS = 8
 @dataclass(frozen=True)
 class Errors:
     """Figures of a tensor or of one channel; NaN where a value of either tensor is NaN.
+
+    With an infinite value they are infinite or NaN, as double precision has it.
 
     Attributes:
         snr_db: 10 log10(sum of reference^2 / sum of error^2); inf without an error.
@@ -73,6 +76,12 @@ def _bound_per_channel(bound: npt.ArrayLike, num_channels: int) -> npt.NDArray[n
     return column
 
 
+def _values(name: str, tensor: npt.ArrayLike) -> npt.NDArray[np.float64]:
+    if isinstance(tensor, np.ma.MaskedArray) or np.iscomplexobj(tensor):
+        raise TypeError(f"{name} has to be of real numbers, without a mask")
+    return np.asarray(tensor, np.float64)
+
+
 def compare(
     reference: npt.ArrayLike,
     result: npt.ArrayLike,
@@ -80,7 +89,7 @@ def compare(
     channel_axis: int | None = None,
     clip_range: tuple[npt.ArrayLike, npt.ArrayLike] | None = None,
 ) -> Report:
-    """Reports the error of a tensor, in double precision.
+    """Reports the error of a tensor, in double precision, whose range the squares of values and errors must not leave.
 
     Args:
         reference: what it should be, any real dtype and shape.
@@ -89,20 +98,19 @@ def compare(
         clip_range: the smallest and the largest value on the grid: one of each, or one for every channel.
 
     Raises:
-        ValueError: shapes that differ, no elements, an axis that is none, bounds that do not fit the channels.
+        TypeError: complex numbers or a mask.
+        ValueError: shapes that differ, no elements, an axis that is none, bounds that do not fit the channels, are NaN,
+            or the lower above the upper.
     """
-    rows = []
-    for tensor in (reference, result):
-        values: npt.NDArray[Any] = np.asarray(tensor, np.float64)
-        if channel_axis is not None and not -values.ndim <= channel_axis < values.ndim:
-            raise ValueError(f"channel_axis {channel_axis} is no axis of the shape {values.shape}")
-        rows.append(values[np.newaxis] if channel_axis is None else np.moveaxis(values, channel_axis, 0))
-    expected, found = rows
-    if expected.shape != found.shape:
-        raise ValueError(f"result has to have the shape of reference, {np.shape(reference)}, not {np.shape(result)}")
+    expected, found = _values("reference", reference), _values("result", result)
+    check_shape("result", found, expected.shape)
     if expected.size == 0:
         raise ValueError("reference has to have elements")
-    expected, found = expected.reshape(len(expected), -1), found.reshape(len(found), -1)
+    if channel_axis is None:
+        expected, found = expected.reshape(1, -1), found.reshape(1, -1)
+    else:
+        count, _ = axis_of("channel_axis", expected, channel_axis)
+        expected, found = (np.moveaxis(tensor, channel_axis, 0).reshape(count, -1) for tensor in (expected, found))
 
     with np.errstate(all="ignore"):  # infinite and NaN values become figures
         error = found - expected
@@ -111,6 +119,8 @@ def compare(
         shares: list[float] | None = None
         if clip_range is not None:
             low, high = (_bound_per_channel(bound, len(expected)) for bound in clip_range)
+            if not np.all(low <= high):
+                raise ValueError("clip_range has to have a lower bound that is not above the upper one")
             outside = np.where(np.isnan(expected), np.nan, (expected < low) | (expected > high))
             shares = outside.mean(1).tolist()
 

@@ -4,37 +4,32 @@ For integers q = round(accumulator / scale) the error of a shift by N bits, 1 to
 (clip(floor(q / 2^N), -32768, 32767) * 2^N - q)^2. The N with the smallest error wins, the smallest of equal ones.
 """
 
-import math
-import threading
-
 import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._tensors import checked_tensor
+from kest._accumulator import Accumulator
+from kest._arrays import axis_of, checked
+from kest._channels import channels_of
 
 
-def _inner_length(values: npt.NDArray[np.float32], channel_axis: int | None, num_channels: int) -> int:
-    """How many values of a channel lie side by side; 0 without any values."""
-    checked_tensor("accumulators", values, np.float32)
-    if channel_axis is None:
-        if num_channels != 1:
-            raise ValueError("scale has to have one entry without a channel_axis")
-        return values.size
-    if not -values.ndim <= channel_axis < values.ndim:
-        raise ValueError(f"channel_axis has to be an axis of accumulators, not {channel_axis}")
-    axis = channel_axis % values.ndim
-    if values.shape[axis] != num_channels:
-        raise ValueError(f"scale has to have an entry for each of {values.shape[axis]} channels, not {num_channels}")
-    return math.prod(values.shape[axis + 1 :]) if values.size > 0 else 0
+_NUM_SHIFTS = 16
 
 
 def _checked_scale(scale: npt.NDArray[np.float32]) -> npt.NDArray[np.float32]:
     """A copy of the scales, which have to be one or more."""
-    checked_tensor("scale", scale, np.float32)
+    checked("scale", scale, np.float32)
     if scale.ndim != 1 or scale.size == 0:
         raise ValueError("scale has to have one axis and one entry or more")
     return scale.copy()
+
+
+def _inner_size(
+    accumulators: npt.NDArray[np.float32], channel_axis: int | None, scale: npt.NDArray[np.float32]
+) -> int:
+    """How many values of a channel lie side by side."""
+    checked("accumulators", accumulators, np.float32)
+    return channels_of(accumulators, channel_axis, "scale", scale, np.float32)[1]
 
 
 def search(
@@ -56,13 +51,13 @@ def search(
         A shift a channel, or one for all of them; 1 without accumulators.
 
     Raises:
-        ValueError: scale does not fit the channels, or channel_axis is no axis.
+        ValueError: scale does not fit the channels or has no entries, or channel_axis is no axis.
     """
     scale = _checked_scale(scale)
-    inner = _inner_length(accumulators, channel_axis, scale.size)
+    inner = _inner_size(accumulators, channel_axis, scale)
     shift_bits = np.ones(scale.size, np.int32)
-    if inner > 0:
-        _core.shift_search(accumulators, inner, per_tensor, scale, shift_bits, np.empty_like(scale))
+    if accumulators.size > 0:
+        _core.shift_search(accumulators, inner, bool(per_tensor), scale, shift_bits, np.empty_like(scale))
     return shift_bits[:1] if per_tensor else shift_bits
 
 
@@ -81,24 +76,24 @@ def search_integers(
     Raises:
         ValueError: channel_axis is no axis.
     """
-    checked_tensor("accumulators", accumulators, np.int32)
+    checked("accumulators", accumulators, np.int32)
     if channel_axis is None:
         rows: npt.NDArray[np.int32] = accumulators.reshape(1, -1)
-    elif -accumulators.ndim <= channel_axis < accumulators.ndim:
-        rows = np.ascontiguousarray(np.moveaxis(accumulators, channel_axis, 0))
     else:
-        raise ValueError(f"channel_axis has to be an axis of accumulators, not {channel_axis}")
+        axis_of("channel_axis", accumulators, channel_axis)
+        rows = np.ascontiguousarray(np.moveaxis(accumulators, channel_axis, 0))
     shift_bits = np.ones(len(rows), np.int32)
     if rows.size > 0:
         _core.shift_search_integers(rows, shift_bits)
     return shift_bits
 
 
-class Searcher:
+class Searcher(Accumulator):
     """Finds the shifts for accumulators that come in batches and are not kept.
 
     The measure is that of search, the errors of each batch summed in single precision and added up. Threads may share
-    a searcher; the order of their batches can then change the last bits of an error.
+    a searcher; the order of their batches can then change the last bits of an error. Copies and pickles are snapshots
+    that go on by themselves.
     """
 
     def __init__(
@@ -114,11 +109,11 @@ class Searcher:
         Raises:
             ValueError: scale has no entries, or more than one axis.
         """
+        super().__init__()
         self._scale = _checked_scale(scale)
         self._channel_axis = channel_axis
-        self._per_tensor = per_tensor
-        self._errors = _core.ShiftErrors()
-        self._lock = threading.Lock()
+        self._per_tensor = bool(per_tensor)
+        self._errors = np.zeros((scale.size, _NUM_SHIFTS), np.float32)
 
     def feed(self, accumulators: npt.NDArray[np.float32]) -> None:
         """Adds the errors of a batch.
@@ -129,14 +124,15 @@ class Searcher:
         Raises:
             ValueError: the channels do not fit the scales, or the batch lacks the axis.
         """
-        inner = _inner_length(accumulators, self._channel_axis, self._scale.size)
-        if inner > 0:
+        inner = _inner_size(accumulators, self._channel_axis, self._scale)
+        if accumulators.size > 0:
             with self._lock:
-                self._errors.add(accumulators, inner, self._per_tensor, self._scale)
+                errors = self._errors.copy()
+                _core.shift_add_errors(accumulators, inner, self._per_tensor, self._scale, errors)
+                self._errors = errors
 
     def shift_bits(self) -> npt.NDArray[np.int32]:
         """The shifts for all batches so far, int32: one a channel, or one for all; 1 before the first batch."""
         shift_bits = np.empty(1 if self._per_tensor else self._scale.size, np.int32)
-        with self._lock:
-            self._errors.find(shift_bits)
+        _core.shift_find_best(self._errors, shift_bits)
         return shift_bits

@@ -1,14 +1,10 @@
 """Softmax with a polynomial in place of the exponential."""
 
-from typing import TypeVar
-
 import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._tensors import axis_of, checked_tensor
-
-Float = TypeVar("Float", np.float32, np.float64)
+from kest._arrays import Float, axis_of, checked
 
 
 def rows(
@@ -16,14 +12,18 @@ def rows(
 ) -> npt.NDArray[Float]:
     """The softmax of every row along the last axis: p / the row's sum of p.
 
-    p(d) = cube * d^3 + square * d^2 + d + 1 with d = value - the row's maximum, 0 for d <= threshold. NaN makes its
-    row NaN. The coefficients and the threshold are used in single precision.
+    p(d) = cube * d^3 + square * d^2 + d + 1 with d = value - the row's maximum, 0 for d <= threshold. The
+    coefficients and the threshold are used in single precision.
+
+    A row is NaN that holds NaN or +inf, or no value from -3.4028235e38 on, the lowest float32. -inf becomes 0 in other
+    rows. Without rows, or in rows of no values, there is nothing to do.
 
     Args:
         values: float32 or float64, with at least one axis.
         square: the coefficient of d^2; by default that of the exponential's series.
         cube: the coefficient of d^3, likewise.
-        threshold: negative. With the series, p rises everywhere from its root at -1.596 on, and is negative below.
+        threshold: negative, in single precision too. With the series, p rises everywhere from its root at -1.596 on,
+            and is negative below.
 
     Returns:
         An array of the shape and dtype of `values`.
@@ -31,9 +31,9 @@ def rows(
     Raises:
         ValueError: a tensor without axes, or a threshold that is not negative.
     """
-    checked_tensor("values", values, np.float32, np.float64)
+    checked("values", values, np.float32, np.float64)
     width, _ = axis_of("the last axis", values, -1)
-    if not threshold < 0:
+    if not np.float32(threshold) < 0:
         raise ValueError(f"threshold has to be negative, not {threshold}")
     found = np.empty_like(values)
     _core.softmax_rows(values, width, square, cube, threshold, found)

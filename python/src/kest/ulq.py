@@ -1,4 +1,7 @@
-"""ULQ: retraining with quantised activations between learned bounds, and quantised weights with learned steps."""
+"""ULQ: retraining with quantised activations between learned bounds, and quantised weights with learned steps.
+
+Trained thresholds: Jain et al., 2020. Learned step sizes: Esser et al., 2020.
+"""
 
 from dataclasses import dataclass
 
@@ -6,16 +9,17 @@ import numpy as np
 import numpy.typing as npt
 
 from kest import _core
-from kest._channels import Float, number_of_channels, one_a_channel
-from kest._tensors import checked_int, checked_tensor
+from kest._arrays import Float, check_shape, checked, checked_int, checked_offset
+from kest._channels import channels_of_weights
+from kest.arq import Factors
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, kw_only=True)
 class Bounds:
-    """A pair of values for the upper and the lower bound of activations: the bounds, or gradients for them."""
+    """A pair of values for the lower and the upper bound of activations: the bounds, or gradients for them."""
 
-    clip_max: float
     clip_min: float
+    clip_max: float
 
 
 @dataclass(frozen=True)
@@ -41,7 +45,7 @@ class Repaired:
     restored: bool
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, eq=False)
 class Steps:
     """What initial_steps finds, float32, one a channel.
 
@@ -76,7 +80,7 @@ def fake_quantise(
         ValueError: num_bits out of range.
     """
     num_bits = checked_int("num_bits", num_bits, 2, 31)
-    checked_tensor("activations", activations, np.float32)
+    checked("activations", activations, np.float32)
     values = np.empty(activations.shape, np.float32)
     grid = Grid(*_core.ulq_fake_quantise(activations, bounds.clip_max, bounds.clip_min, num_bits, values))
     return values, grid
@@ -92,9 +96,8 @@ def grid_bounds(grid: Grid, num_bits: int = 8) -> Bounds:
         ValueError: num_bits out of 2 to 31, or the offset out of 32 bits.
     """
     num_bits = checked_int("num_bits", num_bits, 2, 31)
-    if not -(2**31) <= grid.offset < 2**31:
-        raise ValueError("offset has to fit 32 bits")
-    return Bounds(*_core.ulq_grid_bounds(grid.scale, grid.offset, num_bits))
+    clip_max, clip_min = _core.ulq_grid_bounds(grid.scale, checked_offset(grid.offset), num_bits)
+    return Bounds(clip_min=clip_min, clip_max=clip_max)
 
 
 def gradients(
@@ -113,14 +116,12 @@ def gradients(
     Raises:
         ValueError: upstream does not fit the activations.
     """
-    checked_tensor("activations", activations, np.float32, np.float64)
-    if checked_tensor("upstream", upstream, activations.dtype).shape != activations.shape:
-        raise ValueError(f"upstream has to have the shape {activations.shape}, not {upstream.shape}")
-    return Bounds(
-        *_core.ulq_gradients(
-            activations, upstream, thresholds.clip_max, thresholds.clip_min, bounds.clip_max, bounds.clip_min
-        )
+    checked("activations", activations, np.float32, np.float64)
+    check_shape("upstream", checked("upstream", upstream, activations.dtype), activations.shape)
+    clip_max, clip_min = _core.ulq_gradients(
+        activations, upstream, thresholds.clip_max, thresholds.clip_min, bounds.clip_max, bounds.clip_min
     )
+    return Bounds(clip_min=clip_min, clip_max=clip_max)
 
 
 def clip_check(bounds: Bounds, record: Bounds) -> Repaired:
@@ -136,11 +137,12 @@ def clip_check(bounds: Bounds, record: Bounds) -> Repaired:
     clip_max, clip_min, max_record, min_record, restored = _core.ulq_clip_check(
         bounds.clip_max, bounds.clip_min, record.clip_max, record.clip_min
     )
-    return Repaired(Bounds(clip_max, clip_min), Bounds(max_record, min_record), restored)
+    repaired, kept = Bounds(clip_min=clip_min, clip_max=clip_max), Bounds(clip_min=min_record, clip_max=max_record)
+    return Repaired(repaired, kept, restored)
 
 
 def _number_of_steps(weights: npt.NDArray[np.float32]) -> int:
-    return number_of_channels(weights, -1, np.float32)[0]
+    return channels_of_weights(weights, -1, np.float32)[0]
 
 
 def initial_steps(weights: npt.NDArray[np.float32], num_bits: int = 8, *, reciprocal: bool = False) -> Steps:
@@ -159,7 +161,7 @@ def initial_steps(weights: npt.NDArray[np.float32], num_bits: int = 8, *, recipr
     """
     num_bits = checked_int("num_bits", num_bits, 2, 31)
     highest, lowest, learned = np.zeros((3, _number_of_steps(weights)), np.float32)
-    _core.ulq_initial_steps(weights, num_bits, reciprocal, highest, lowest, learned)
+    _core.ulq_initial_steps(weights, num_bits, bool(reciprocal), highest, lowest, learned)
     return Steps(learned, highest, lowest)
 
 
@@ -181,7 +183,23 @@ def fake_quantise_weights(
         ValueError: learned does not fit the channels, weights without an axis, or num_bits out of range.
     """
     num_bits = checked_int("num_bits", num_bits, 2, 31)
-    one_a_channel("learned", learned, np.float32, _number_of_steps(weights))
+    check_shape("learned", checked("learned", learned, np.float32), (_number_of_steps(weights),))
     values = np.empty(weights.shape, np.float32)
-    _core.ulq_fake_quantise_weights(weights, learned, num_bits, reciprocal, values)
+    _core.ulq_fake_quantise_weights(weights, learned, num_bits, bool(reciprocal), values)
     return values
+
+
+def weight_factors(learned: npt.NDArray[np.float32], *, reciprocal: bool = False) -> Factors:
+    """What remains of learned steps after retraining: scales, for kest.arq.codes and kest.record, and offsets of 0.
+
+    Args:
+        learned: float32, a step a channel. The magnitude counts, 1e-6 more below 1e-6.
+        reciprocal: what is learned is 1 / step.
+
+    Raises:
+        ValueError: learned has more than one axis.
+    """
+    check_shape("learned", checked("learned", learned, np.float32), (learned.size,))
+    factors = Factors(np.empty(learned.size, np.float32), np.empty(learned.size, np.int32))
+    _core.ulq_weight_factors(learned, bool(reciprocal), factors.scale, factors.offset)
+    return factors

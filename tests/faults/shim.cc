@@ -1,0 +1,172 @@
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <semaphore.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <tests/faults/shim.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+Fault faults[kNumFaults] = {};
+
+namespace {
+
+std::atomic<long> live{0};
+
+/// What becomes of a call: 0 for success; else an errno, which is set, or kShort.
+int Outcome(const char* call) {
+    for (Fault& fault : faults) {
+        if (fault.call == nullptr || std::strcmp(fault.call, call) != 0 || fault.before-- > 0) continue;
+        if (fault.fired == fault.times) continue;
+        ++fault.fired;
+        if (fault.error != kShort) errno = fault.error;
+        return fault.error;
+    }
+    return 0;
+}
+
+bool Fails(const char* call) {
+    return Outcome(call) != 0;
+}
+
+template <typename Function>
+Function* Next(const char* name, Function*) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+void* Counted(void* memory) {
+    live += memory != nullptr;
+    return memory;
+}
+
+}  // namespace
+
+#define NEXT(name) static auto* const next = Next(#name, name)
+
+#define MAY_FAIL(name, result, failure, parameters, ...)     \
+    result name parameters {                                 \
+        NEXT(name);                                          \
+        return Fails(#name) ? (failure) : next(__VA_ARGS__); \
+    }
+
+#define MAY_BE_SHORT(name, data)                                                        \
+    ssize_t name(int fd, data bytes, size_t size) {                                     \
+        NEXT(name);                                                                     \
+        const int outcome = Outcome(#name);                                             \
+        return outcome > 0 ? -1 : next(fd, bytes, outcome < 0 ? (size + 1) / 2 : size); \
+    }
+
+extern "C" {
+
+MAY_BE_SHORT(read, void*)
+MAY_BE_SHORT(write, const void*)
+MAY_FAIL(faccessat, int, -1, (int at, const char* name, int mode, int flags) noexcept, at, name, mode, flags)
+MAY_FAIL(fchmod, int, -1, (int fd, mode_t mode) noexcept, fd, mode)
+MAY_FAIL(fchown, int, -1, (int fd, uid_t user, gid_t group) noexcept, fd, user, group)
+MAY_FAIL(flock, int, -1, (int fd, int operation) noexcept, fd, operation)
+MAY_FAIL(fstat, int, -1, (int fd, struct stat* status) noexcept, fd, status)
+MAY_FAIL(ftruncate, int, -1, (int fd, off_t size) noexcept, fd, size)
+MAY_FAIL(lseek, off_t, -1, (int fd, off_t offset, int from) noexcept, fd, offset, from)
+MAY_FAIL(readlink, ssize_t, -1, (const char* path, char* link, size_t size) noexcept, path, link, size)
+MAY_FAIL(realpath, char*, nullptr, (const char* path, char* resolved) noexcept, path, resolved)
+MAY_FAIL(renameat, int, -1, (int from, const char* old, int to, const char* name) noexcept, from, old, to, name)
+MAY_FAIL(sem_wait, int, -1, (sem_t * semaphore), semaphore)
+MAY_FAIL(stat, int, -1, (const char* path, struct stat* status) noexcept, path, status)
+MAY_FAIL(unlinkat, int, -1, (int at, const char* name, int flags) noexcept, at, name, flags)
+
+int close(int fd) {
+    NEXT(close);
+    const int result = next(fd);  // a descriptor is gone even when this fails
+    return Fails("close") ? -1 : result;
+}
+
+int fcntl(int fd, int command, ...) {
+    NEXT(fcntl);
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return Fails("fcntl") ? -1 : next(fd, command, argument);
+}
+
+int fsync(int fd) {
+    NEXT(fsync);
+    if (Fails("fsync")) return -1;
+    return faults[0].call != nullptr ? 0 : next(fd);
+}
+
+int openat(int directory, const char* name, int flags, ...) {
+    NEXT(openat);
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+    return Fails((flags & O_CREAT) != 0 ? "create" : "openat") ? -1 : next(directory, name, flags, mode);
+}
+
+#ifndef KEST_SANITIZED
+// The allocator of glibc under its other names: dlsym itself allocates.
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* memory, size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+void __libc_free(void* memory);
+
+void* malloc(size_t size) noexcept {
+    return Fails("malloc") ? nullptr : Counted(__libc_malloc(size));
+}
+void* calloc(size_t count, size_t size) noexcept {
+    return Fails("malloc") ? nullptr : Counted(__libc_calloc(count, size));
+}
+void* realloc(void* memory, size_t size) noexcept {
+    if (Fails("malloc")) return nullptr;
+    void* const moved = __libc_realloc(memory, size);
+    return memory == nullptr ? Counted(moved) : moved;
+}
+void* aligned_alloc(size_t alignment, size_t size) noexcept {
+    return Fails("malloc") ? nullptr : Counted(__libc_memalign(alignment, size));
+}
+void free(void* memory) noexcept {
+    live -= memory != nullptr;
+    __libc_free(memory);
+}
+#endif
+
+long LiveAllocations() {
+    return live;
+}
+
+}  // extern "C"
+
+#ifdef KEST_SANITIZED
+// A sanitizer keeps the C allocator for itself.
+__attribute__((noinline)) static void* Allocate(size_t size) {
+    return Fails("malloc") ? nullptr : Counted(std::malloc(size));
+}
+__attribute__((noinline)) static void Free(void* memory) {
+    live -= memory != nullptr;
+    std::free(memory);
+}
+void* operator new(size_t size) {
+    void* memory = Allocate(size);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return Allocate(size);
+}
+void operator delete(void* memory) noexcept {
+    Free(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+    Free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    Free(memory);
+}
+#endif
