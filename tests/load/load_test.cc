@@ -1,12 +1,9 @@
-#include <kest/activation_calib/hfmg.h>
 #include <kest/activation_calib/ifmr.h>
 #include <kest/kernel_frame/log_capture.h>
 #include <kest/kernel_frame/scale.h>
 #include <kest/op_kernels/deployed_ops.h>
 #include <kest/op_kernels/fast_softmax.h>
 #include <kest/prune_balance/channel_prune.h>
-#include <kest/prune_balance/dmq_balance.h>
-#include <kest/prune_balance/mask_out.h>
 #include <kest/prune_balance/selective_mask.h>
 #include <kest/weight_quant/arq.h>
 #include <kest/weight_quant/nuq.h>
@@ -65,12 +62,6 @@ const struct Job {
      [](Work& w) {
          return KestCommon::IfmrQuant(w.x, w.n, {0, 8, true, 0.7f, 1.3f, 0.01f, 0.9f, 0.9f}, w.Scales(1), w.Offsets(1));
      }},
-    {"HFMG", true, 1 << 15,
-     [](Work& w) {
-         std::vector<KestCommon::DataBin<float>> bins;
-         KestCommon::HfmgMerge<float>(512, bins, {static_cast<unsigned int>(w.n), w.x});
-         return KestCommon::HfmgCompute(bins, w.factors[0], w.offsets[0], {8, true, 512});
-     }},
     {"shift search", true, 1024,
      [](Work& w) {
          std::vector<int> row;
@@ -102,14 +93,6 @@ const struct Job {
          const SelectiveMaskGenKernel::ComputeMask<ThreadPoolDevice, float> choose;
          return choose(w.x, w.factors.data(), std::vector<float>(w.n).data(), {0, 4, 2, {64, 1024}}, w.out);
      }},
-    {"mask", true, (1 << 17) + 5,
-     [](Work& w) {
-         return KestTfOp::MaskOut<ThreadPoolDevice, float>()({w.n, 5, 60, 4, 3}, w.x, w.x, w.out);
-     }},
-    {"balance", true, 8192,
-     [](Work& w) {
-         return KestCommon::DMQBalance({4096, w.x}, {4096, w.x + 4096}, 0.5f, 32, w.factors.data());
-     }},
     {"failure", true, 0,
      [](Work& w) {
          const util::LogCapture capture;
@@ -118,11 +101,9 @@ const struct Job {
          w.text = capture.lines;
          return status;
      }},
-    {"record update", true, 500,
+    {"record update", true, 64,
      [](Work& w) {
-         std::vector<int>& offsets = w.offsets;
-         offsets.resize(500);
-         const int status = KestTfOp::WriteWeightToRecordFile(w.x, &offsets[0], w.n, "conv1", w.file);
+         const int status = KestTfOp::WriteWeightToRecordFile(w.x, w.offsets.data(), w.n, "conv1", w.file);
          w.text = status == STATUS_OK ? ReadText(w.file) : "";
          return status;
      }},

@@ -36,8 +36,8 @@ TEST(Load, OpenedAndClosedAThousandTimes) {
         const auto ulq = reinterpret_cast<decltype(&KestCommon::Ulq<float>)>(
             dlsym(library, "_ZN10KestCommon3UlqIfEEvPKT_PS1_iRKN4util9FloatDataERKNS5_7IntDataEi"));
         ASSERT_TRUE(arq != nullptr && ulq != nullptr) << dlerror();
-        float weights[] = {-1, 0.5f, 127 / 128.0f};
-        ASSERT_EQ(STATUS_OK, arq(weights, 3, {8, true, false}, {1, &scale}, {1, &offset}));
+        float weights[] = {-1, 0.5f};
+        ASSERT_EQ(STATUS_OK, arq(weights, 2, {8, true, false}, {1, &scale}, {1, &offset}));
         ASSERT_EQ(1 / 128.0f, scale);
         if (i % 10 == 0) ulq(values.data(), out.data(), static_cast<int>(values.size()), {1, &scale}, {1, &offset}, 4);
         ASSERT_EQ(0, dlclose(library));
