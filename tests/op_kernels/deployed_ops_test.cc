@@ -111,6 +111,12 @@ TEST(DeployedOps, ChannelRule) {
     ExpectSameBits(ofTensor, WeightQuantise(weight, offset, {4, 1 << 30}));
 }
 
+TEST(DeployedOps, ProductsWithZero) {
+    const Floats out =
+        Apply(AntiQuantInputParam<float>{0, nullptr, 0}, {-1, kInf}, OrvaneAntiQuantFunctor<Device, float>());
+    EXPECT_TRUE(Bits(out[0]) == Bits(-0.0f) && std::isnan(out[1]));
+}
+
 TEST(DeployedOps, EveryLayoutLengthAndNumberOfThreads) {
     const Layout layouts[] = {{1, 1, false},
                               {17, 1, true, false},

@@ -230,6 +230,7 @@ template <typename T>
 void SweepAgainstPlain() {
     for (const unsigned int numChannels : {1u, 2u, 3u, 7u, 64u, 300u, 1025u, 5000u}) {
         for (const unsigned int perChannel : {1u, 2u, 15u, 16u, 17u, 31u, 33u, 130u}) {
+            if (numChannels == 5000 && perChannel > 17) continue;
             for (const ArqParam param : {ArqParam{8, true, false}, ArqParam{4, true, true}, ArqParam{24, true, true}}) {
                 SCOPED_TRACE(testing::Message() << numChannels << " channels of " << perChannel << ", " << param.numBits
                                                 << " bits, offset " << param.withOffset);
