@@ -315,10 +315,10 @@ TEST(Arq, GivenFactorsOfAnyKind) {
     for (std::size_t i = 0; i < x.size(); ++i)
         EXPECT_EQ(x[i] > 1e9f || x[i] != x[i] ? 0x1p31f : 2147483520.0f, far[i]) << i;
     // One channel's offset is too far for floats, the other's is not.
-    float out[] = {3, 3}, scales[] = {1, 1};
-    int offsets[] = {INT_MIN, 0};
+    float out[] = {1e9f, 3}, scales[] = {1, 1};
+    int offsets[] = {-16777219, 0};  // 127 + 16777219 = 16777346; in floats 127 + 16777220
     KestCommon::ArqClipAndQuantKhKwCiCo<float>(out, out, 2, 8, {2, scales}, {2, offsets});
-    EXPECT_TRUE(out[0] == 2147483520.0f && out[1] == 3) << out[0] << ", " << out[1];
+    EXPECT_TRUE(out[0] == 16777346 && out[1] == 3) << out[0] << ", " << out[1];
 }
 
 TEST(Arq, SumsAndDifferencesBeyond32Bits) {

@@ -62,9 +62,10 @@ void GradientRows(T k) {
     ExpectSameBits<T>({2 * f, 2 * (1 - f)}, diff({-21}, {2}, bounds));
     ExpectSameBits<T>({0, 0}, diff({10, -20}, {3, 5}, bounds));  // integral, and not beyond the thresholds
     ExpectSameBits<T>({k / 2, -k / 2}, diff({T(0.1)}, {1}, {1, -1, 0.75, -0.25}));  // 25.5 in T
-    const T r = T(0.11) * 255;
-    const T error = static_cast<T>((std::round(double{r}) - double{r}) * double{k});
-    ExpectSameBits<T>({error, -error}, diff({T(0.11)}, {1}, {1, -1, 0.5, -0.5}));
+    for (const T x : {T(0.11), T(0.13), T(0.17), T(0.19), T(0.23)}) {
+        const T error = static_cast<T>((std::round(double{x * 255}) - double{x * 255}) * double{k});
+        ExpectSameBits<T>({error, -error}, diff({x}, {1}, {1, -1, 0.5, -0.5}));
+    }
     const auto rest = [g](T a) { return std::fma(a, -g, a * g); };  // a fused step leaves what rounding took
     ExpectSameBits<T>({rest(1 + f), rest(-f)}, diff({11, 11}, {g, -g}, bounds));
     ExpectSameBits<T>({rest(f), rest(1 - f)}, diff({-21, -21}, {g, -g}, bounds));
