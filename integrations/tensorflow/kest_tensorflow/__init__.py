@@ -1,14 +1,21 @@
 """kest's kernels as TensorFlow operators, on the CPU.
 
 Each function takes what TensorFlow can make a tensor of and works eagerly and in graphs. An operator that fails raises
-a TensorFlow error whose text names it, the status and kest's own log lines.
+a TensorFlow error whose text names it and its node, the status and kest's own log lines. An operator without a gradient
+raises LookupError where one is asked for; x + tf.stop_gradient(f(x) - x) takes f for the identity.
 """
 
+import ctypes
+import os
 import pathlib
 
 import tensorflow as tf
 
-_ops = tf.load_op_library(str(pathlib.Path(__file__).parent / "kest_ops.so"))
+_library = pathlib.Path(__file__).parent / "kest_ops.so"
+_ops = tf.load_op_library(str(_library))
+
+# GCC's OpenMP hangs in a forked child whose thread had workers before; alone it works on.
+os.register_at_fork(after_in_child=lambda: ctypes.CDLL(str(_library)).omp_set_num_threads(1))
 
 
 def quantise(x, scale, offset, num_bits=8, name=None):
@@ -110,18 +117,72 @@ def fast_softmax(x, coeff_square=1 / 2, coeff_cube=1 / 6, threshold=-1.5, name=N
     )
 
 
-def arq_weights(weights, num_bits=8, name=None):
-    """ARQ of weights: symmetric, one scale for each channel of the last axis, so that its largest magnitude is kept.
+def fake_quantise(x, scale, offset, num_bits=8, name=None):
+    """Fake-quantises activations with the factors of a calibration.
+
+    scale * (code - offset), code = clamp(round(x / scale) + offset), halves away from zero; NaN counts as 0. The
+    gradient passes to x from scale times the lowest code - offset to scale times the highest one; the factors have
+    none.
 
     Args:
-        weights: float32, of rank 1 or more, not empty; NaN is passed over.
+        x: float32, any shape.
+        scale: a float32 scalar, 2^-52 or more.
+        offset: an int32 scalar.
         num_bits: the width of the signed grid, 2 to 31.
         name: of the operator.
 
     Returns:
-        The fake-quantised weights, scale * clamp(round(weights / scale)); the scales, float32; the offsets, int32, 0.
+        float32 of the shape of x.
     """
-    return _ops.kest_arq_weights(weights=weights, num_bits=num_bits, name=name)
+    return _ops.kest_fake_quantise(x=x, scale=scale, offset=offset, num_bits=num_bits, name=name)
+
+
+def percentile_bounds(x, max_percentile=0.999999, min_percentile=0.999999, name=None):
+    """Bounds values by two percentiles; a bound on the wrong side of zero is zero.
+
+    Args:
+        x: float32 or float64, any shape, not empty, without NaN.
+        max_percentile: the share of values at or below the upper bound, in (0, 1]; 1: the largest value.
+        min_percentile: the share of values at or above the lower bound, in (0, 1]; 1: the smallest value.
+        name: of the operator.
+
+    Returns:
+        The upper and the lower bound, scalars of the type of x.
+    """
+    return _ops.kest_percentile_bounds(x=x, max_percentile=max_percentile, min_percentile=min_percentile, name=name)
+
+
+def arq_weights(weights, num_bits=8, with_offset=False, name=None):
+    """ARQ of weights: one scale and one offset for each channel of the last axis, so that its extremes are kept.
+
+    Args:
+        weights: float32, of rank 1 or more, not empty; NaN is passed over.
+        num_bits: the width of the signed grid, 2 to 31.
+        with_offset: the range from the smallest weight to the largest, zero included, covers the grid; without it the
+            larger magnitude is at its end.
+        name: of the operator.
+
+    Returns:
+        The fake-quantised weights, scale * (code - offset), code = clamp(round(weights / scale) + offset); the scales,
+        float32; the offsets, int32, 0 without with_offset.
+    """
+    return _ops.kest_arq_weights(weights=weights, num_bits=num_bits, with_offset=with_offset, name=name)
+
+
+def arq_codes(weights, scale, offset, num_bits=8, name=None):
+    """The codes of weights with the factors of arq_weights: clamp(round(weights / scale) + offset).
+
+    Args:
+        weights: float32, of rank 1 or more, not empty, without NaN; the channels are the last axis.
+        scale: float32, one a channel.
+        offset: int32, one a channel.
+        num_bits: the width of the signed grid, 2 to 8.
+        name: of the operator.
+
+    Returns:
+        int8 of the shape of weights; anti_quantise_weights takes them.
+    """
+    return _ops.kest_arq_codes(weights=weights, scale=scale, offset=offset, num_bits=num_bits, name=name)
 
 
 def nuq_weights(weights, num_clusters=16, with_offset=False, num_iterations=0, name=None):
@@ -143,6 +204,27 @@ def nuq_weights(weights, num_clusters=16, with_offset=False, num_iterations=0, n
     """
     return _ops.kest_nuq_weights(
         weights=weights, num_clusters=num_clusters, with_offset=with_offset, num_iterations=num_iterations, name=name
+    )
+
+
+def fake_quantise_nuq(weights, scale, offset, clusters, num_bits=8, name=None):
+    """Fake-quantises weights with the factors and centres of nuq_weights: scale * (centre + offset).
+
+    The centre is the first of those whose distance to clamp(weights / scale - offset), less its fraction, is smallest.
+
+    Args:
+        weights: float32, of rank 1 or more, not empty; the channels are the last axis.
+        scale: float32, one a channel.
+        offset: int32, one a channel.
+        clusters: int32, a vector, not empty.
+        num_bits: the width of the signed grid, 2 to 31.
+        name: of the operator.
+
+    Returns:
+        float32 of the shape of weights.
+    """
+    return _ops.kest_fake_quantise_nuq(
+        weights=weights, scale=scale, offset=offset, clusters=clusters, num_bits=num_bits, name=name
     )
 
 
@@ -168,14 +250,44 @@ def fake_quantise_weights(weights, steps, num_bits=8, reciprocal=False, name=Non
     )
 
 
+def initial_steps(weights, num_bits=8, reciprocal=False, name=None):
+    """The steps to begin to learn with: those whose grid just fits the extremes of each channel of the last axis.
+
+    Args:
+        weights: float32, of rank 1 or more; NaN is passed over.
+        num_bits: the width of the signed grid, 2 to 31.
+        reciprocal: what is learned is 1 / step.
+        name: of the operator.
+
+    Returns:
+        float32, one a channel, for fake_quantise_weights: 1 for a step below 1e-6.
+    """
+    return _ops.kest_initial_steps(weights=weights, num_bits=num_bits, reciprocal=reciprocal, name=name)
+
+
+def step_scales(steps, reciprocal=False, name=None):
+    """The factors to deploy of learned steps.
+
+    Args:
+        steps: float32, any shape.
+        reciprocal: what is learned is 1 / step.
+        name: of the operator.
+
+    Returns:
+        The scales, float32: magnitudes of the steps, or 1 over these, a magnitude below 1e-6 counting 1e-6 more; the
+        offsets, int32, 0. Both of the shape of steps.
+    """
+    return _ops.kest_step_scales(steps=steps, reciprocal=reciprocal, name=name)
+
+
 def ulq(x, clip_max, clip_min, num_bits=8, name=None):
     """ULQ: fake-quantises activations between learned bounds.
 
     The scale is (clip_max - clip_min) / (2^num_bits - 1) + 1e-6, and the bounds are rounded to multiples of it:
-    clip_min to the nearest one, clip_max to the one 2^num_bits - 1 steps above. Gradients pass to x where it is not clipped.
-    Those of the bounds add up, times the gradient, clip_max's f and clip_min's -f for each value, with f its rounding
-    error in units of clip_max - clip_min on a grid of 255 steps whatever num_bits is; where x is clipped f is that of
-    clip_min, and there is 1 more for the bound that clips.
+    clip_min to the nearest one, clip_max to the one 2^num_bits - 1 steps above. Gradients pass to x where it is not
+    clipped. Those of the bounds add up, times the gradient, clip_max's f and clip_min's -f for each value, with f its
+    rounding error in units of clip_max - clip_min on a grid of 255 steps whatever num_bits is; where x is clipped f is
+    that of clip_min, and there is 1 more for the bound that clips.
 
     Args:
         x: float32, any shape; NaN stays.
@@ -189,6 +301,28 @@ def ulq(x, clip_max, clip_min, num_bits=8, name=None):
         scalar, of the codes round(x / scale) + offset, which have no gradients.
     """
     return _ops.kest_ulq(x=x, clip_max=clip_max, clip_min=clip_min, num_bits=num_bits, name=name)
+
+
+def ulq_clip_check(clip_max, clip_min, last_max, last_min, reset_min=False, name=None):
+    """Repairs the bounds of ulq after a step of training from the last good ones.
+
+    Both bounds are restored if clip_max is not above clip_min. Else a negative clip_max or, failing that, a positive
+    clip_min is restored, and the bounds that are good become the last good ones.
+
+    Args:
+        clip_max: a float32 scalar.
+        clip_min: a float32 scalar.
+        last_max: a float32 scalar, the last good clip_max.
+        last_min: a float32 scalar, the last good clip_min.
+        reset_min: clip_min is set to 0 before.
+        name: of the operator.
+
+    Returns:
+        The bounds to go on with, clip_max and clip_min; the last good ones from now on, float32 scalars.
+    """
+    return _ops.kest_ulq_clip_check(
+        clip_max=clip_max, clip_min=clip_min, last_max=last_max, last_min=last_min, reset_min=reset_min, name=name
+    )
 
 
 def fuse_batch_norm(scale, gamma, variance, epsilon=1e-3, multiplier=1.0, name=None):
@@ -458,7 +592,8 @@ class HfmgCalibrator(Calibrator):
     """HFMG: counts every batch into a histogram that widens as it has to, so that batches need not be kept.
 
     The sparse tails are trimmed bin by bin into a row of clip ranges, of which the one with the smallest squared error
-    wins. An infinite value makes the histogram useless. Counts of bins that widen depend on the order of the batches.
+    wins. A batch with an infinite value, or that takes a bin to 2^32 values, is refused. NaN counts in the first bin.
+    Counts of bins that widen depend on the order of the batches.
     """
 
     def __init__(self, num_bits=8, with_offset=True, num_bins=4096):
@@ -557,6 +692,15 @@ class ShiftSearcher:
 @tf.RegisterGradient("KestApplyMask")
 def _apply_mask_gradient(op, grad):
     return apply_mask(grad, op.inputs[1], op.get_attr("row_axis"), op.get_attr("column_axis")), None
+
+
+@tf.RegisterGradient("KestFakeQuantise")
+def _fake_quantise_gradient(op, grad):
+    x, scale, offset = op.inputs
+    half = 2.0 ** (op.get_attr("num_bits") - 1)
+    moved = tf.cast(offset, tf.float32)
+    inside = (x >= scale * (-half - moved)) & (x <= scale * (half - 1 - moved))
+    return tf.where(inside, grad, tf.zeros_like(grad)), None, None
 
 
 @tf.RegisterGradient("KestFakeQuantiseWeights")

@@ -1,68 +1,120 @@
 #include <kest/activation_calib/hfmg.h>
 #include <kest/activation_calib/ifmr.h>
-#include <tensorflow/core/framework/resource_handle.h>
-#include <tensorflow/core/framework/resource_mgr.h>
+#include <tensorflow/core/framework/common_shape_fns.h>
 
+#include <cmath>
+#include <cstdint>
+#include <limits>
 #include <mutex>
 #include <vector>
 
 #include "kest_ops.h"
-
-// A calibrator is a resource that lives as long as a handle to it. Calls of concurrent executors wait for each other.
+#include "resources.h"
 
 namespace kest_ops {
 namespace {
 
+/// What the batches so far come to.
 class Calibrator : public tensorflow::ResourceBase {
 public:
-    /// A kest status; a batch that fails is not counted.
-    int Add(const float* batch, unsigned int length) {
+    /// A batch that fails is not counted.
+    Status Add(const float* batch, int length) {
         const std::lock_guard<std::mutex> lock(mutex_);
-        return AddLocked(batch, length);
+        TF_RETURN_IF_ERROR(AddLocked(batch, static_cast<unsigned int>(length)));
+        hasBatch_ = true;
+        return OkStatus();
     }
 
-    /// One value each, of the batches so far.
-    int Factors(float* scale, int* offset) {
+    /// One value each.
+    Status Factors(float* scale, int* offset) {
         const std::lock_guard<std::mutex> lock(mutex_);
-        return FactorsLocked(scale, offset);
+        if (!hasBatch_) return errors::FailedPrecondition("no batch was added");
+        return Run([&] { return FactorsLocked(scale, offset); });
     }
 
     std::string DebugString() const override { return "a calibrator of kest"; }
 
 private:
-    virtual int AddLocked(const float* batch, unsigned int length) = 0;
+    virtual Status AddLocked(const float* batch, unsigned int length) = 0;
     virtual int FactorsLocked(float* scale, int* offset) = 0;
 
     std::mutex mutex_;
+    bool hasBatch_ = false;
 };
+
+template <typename Param>
+Status GetGrid(OpKernelConstruction* context, Param& param) {
+    int numBits;
+    TF_RETURN_IF_ERROR(GetNumBits(context, numBits));
+    param.numBits = static_cast<unsigned int>(numBits);
+    return context->GetAttr("with_offset", &param.withOffset);
+}
 
 class HfmgCalibrator : public Calibrator {
 public:
-    explicit HfmgCalibrator(const KestCommon::HfmgAlgoParam& param) : param_(param) {}
+    using Param = KestCommon::HfmgAlgoParam;
+    static Status GetParam(OpKernelConstruction* context, Param& param) {
+        int numBins;
+        TF_RETURN_IF_ERROR(context->GetAttr("num_bins", &numBins));
+        param.numBins = static_cast<unsigned int>(numBins);
+        return GetGrid(context, param);
+    }
+
+    explicit HfmgCalibrator(const Param& param) : param_(param) {}
 
 private:
-    int AddLocked(const float* batch, unsigned int length) override {
+    using Bins = std::vector<KestCommon::DataBin<float>>;
+
+    static uint64_t NumValues(const Bins& bins) {
+        uint64_t count = 0;
+        for (const auto& bin : bins) count += bin.count;
+        return count;
+    }
+
+    Status AddLocked(const float* batch, unsigned int length) override {
+        Bins wider = bins_;
         const KestCommon::InputData<float> input{length, const_cast<float*>(batch)};  // only read
-        return KestCommon::HfmgMerge(static_cast<int>(param_.numBins), bins_, input);
+        TF_RETURN_IF_ERROR(Run([&] { return KestCommon::HfmgMerge(static_cast<int>(param_.numBins), wider, input); }));
+        if (!std::isfinite(wider.front().lowerBound) || !std::isfinite(wider.back().upperBound)) {
+            return errors::InvalidArgument("a batch has to be finite: no histogram has infinite bounds");
+        }
+        if (NumValues(wider) != NumValues(bins_) + length) {  // the kernel's counts have wrapped
+            return errors::InvalidArgument("a bin has to hold fewer than 2^32 values");
+        }
+        bins_.swap(wider);
+        return OkStatus();
     }
 
     int FactorsLocked(float* scale, int* offset) override {
         return KestCommon::HfmgCompute(bins_, *scale, *offset, param_);
     }
 
-    const KestCommon::HfmgAlgoParam param_;
-    std::vector<KestCommon::DataBin<float>> bins_;
+    const Param param_;
+    Bins bins_;
 };
 
 class IfmrCalibrator : public Calibrator {
 public:
-    explicit IfmrCalibrator(const KestCommon::IfmrParam& param) : param_(param) {}
+    using Param = KestCommon::IfmrParam;
+    static Status GetParam(OpKernelConstruction* context, Param& param) {
+        TF_RETURN_IF_ERROR(context->GetAttr("start_ratio", &param.startRatio));
+        TF_RETURN_IF_ERROR(context->GetAttr("end_ratio", &param.endRatio));
+        TF_RETURN_IF_ERROR(context->GetAttr("step", &param.step));
+        TF_RETURN_IF_ERROR(context->GetAttr("max_percentile", &param.maxPercentile));
+        TF_RETURN_IF_ERROR(context->GetAttr("min_percentile", &param.minPercentile));
+        return GetGrid(context, param);
+    }
+
+    explicit IfmrCalibrator(const Param& param) : param_(param) {}
 
 private:
-    int AddLocked(const float* batch, unsigned int length) override {
-        if (length > std::numeric_limits<unsigned int>::max() - values_.size()) return STATUS_BAD_PARAM;
+    Status AddLocked(const float* batch, unsigned int length) override {
+        if (length == 0) return StatusError(EMPTY_INPUT_ERROR, "");
+        if (length > std::numeric_limits<unsigned int>::max() - values_.size()) {
+            return errors::InvalidArgument("IFMR keeps fewer than 2^32 values");
+        }
         values_.insert(values_.end(), batch, batch + length);
-        return STATUS_OK;
+        return OkStatus();
     }
 
     int FactorsLocked(float* scale, int* offset) override {
@@ -70,115 +122,58 @@ private:
                                      {1, offset});
     }
 
-    const KestCommon::IfmrParam param_;
+    const Param param_;
     std::vector<float> values_;
 };
 
 /// The extremes of all batches.
 class ArqCalibrator : public Calibrator {
 public:
-    explicit ArqCalibrator(const KestCommon::HfmgAlgoParam& param) : param_(param) {}
+    using Param = KestCommon::HfmgAlgoParam;
+    static Status GetParam(OpKernelConstruction* context, Param& param) { return GetGrid(context, param); }
+
+    explicit ArqCalibrator(const Param& param) : param_(param) {}
 
 private:
-    int AddLocked(const float* batch, unsigned int length) override {
-        if (length == 0) return EMPTY_INPUT_ERROR;
+    Status AddLocked(const float* batch, unsigned int length) override {
+        if (length == 0) return StatusError(EMPTY_INPUT_ERROR, "");
         for (unsigned int i = 0; i < length; ++i) {  // not changed by NaN
             if (batch[i] < min_) min_ = batch[i];
             if (batch[i] > max_) max_ = batch[i];
         }
-        hasBatch_ = true;
-        return STATUS_OK;
+        return OkStatus();
     }
 
     int FactorsLocked(float* scale, int* offset) override {
-        if (!hasBatch_) return EMPTY_CONTAINER_ERROR;
         return KestCommon::ActArqCalibration<float>(min_, max_, {1, scale}, {1, offset}, param_);
     }
 
-    const KestCommon::HfmgAlgoParam param_;
-    bool hasBatch_ = false;
+    const Param param_;
     float min_ = 0;  // a range contains zero
     float max_ = 0;
 };
 
-/// Makes a calibrator each time that it runs.
-class CalibratorOp : public OpKernel {
+template <typename C>
+class CalibratorOp : public Kernel {
 public:
-    explicit CalibratorOp(OpKernelConstruction* context) : OpKernel(context) {
-        OP_REQUIRES_OK(context, GetNumBits(context, numBits_));
-        OP_REQUIRES_OK(context, context->GetAttr("with_offset", &withOffset_));
-    }
-
-    void Compute(OpKernelContext* context) override {
-        Tensor* handle = nullptr;
-        OP_REQUIRES_OK(context, context->allocate_output(0, {}, &handle));
-        handle->scalar<tensorflow::ResourceHandle>()() =
-            tensorflow::ResourceHandle::MakeRefCountingHandle(New(), context->device()->name());
-    }
-
-protected:
-    virtual Calibrator* New() const = 0;
-
-    int numBits_;
-    bool withOffset_;
-};
-
-class ArqCalibratorOp : public CalibratorOp {
-public:
-    using CalibratorOp::CalibratorOp;
-
-private:
-    Calibrator* New() const override {
-        return new ArqCalibrator({static_cast<unsigned int>(numBits_), withOffset_, 0});
-    }
-};
-
-class HfmgCalibratorOp : public CalibratorOp {
-public:
-    explicit HfmgCalibratorOp(OpKernelConstruction* context) : CalibratorOp(context) {
-        OP_REQUIRES_OK(context, context->GetAttr("num_bins", &numBins_));
+    explicit CalibratorOp(OpKernelConstruction* context) : Kernel(context) {
+        Check(context, C::GetParam(context, param_));
     }
 
 private:
-    Calibrator* New() const override {
-        return new HfmgCalibrator(
-            {static_cast<unsigned int>(numBits_), withOffset_, static_cast<unsigned int>(numBins_)});
-    }
+    Status Call(OpKernelContext* context) override { return NewResource<Calibrator>(context, new C(param_)); }
 
-    int numBins_;
+    typename C::Param param_{};  // an IfmrParam that calibrates
 };
-
-class IfmrCalibratorOp : public CalibratorOp {
-public:
-    explicit IfmrCalibratorOp(OpKernelConstruction* context) : CalibratorOp(context) {
-        OP_REQUIRES_OK(context, context->GetAttr("start_ratio", &param_.startRatio));
-        OP_REQUIRES_OK(context, context->GetAttr("end_ratio", &param_.endRatio));
-        OP_REQUIRES_OK(context, context->GetAttr("step", &param_.step));
-        OP_REQUIRES_OK(context, context->GetAttr("max_percentile", &param_.maxPercentile));
-        OP_REQUIRES_OK(context, context->GetAttr("min_percentile", &param_.minPercentile));
-        param_.numBits = static_cast<unsigned int>(numBits_);
-        param_.withOffset = withOffset_;
-    }
-
-private:
-    Calibrator* New() const override { return new IfmrCalibrator(param_); }
-
-    KestCommon::IfmrParam param_{};  // calibration 0: calibrate
-};
-
-tensorflow::Status ScalarOutput(InferenceContext* context) {
-    for (int output = 0; output < context->num_outputs(); ++output) context->set_output(output, context->Scalar());
-    return tensorflow::OkStatus();
-}
 
 REGISTER_OP("KestArqCalibrator")
     .Output("calibrator: resource")
     .Attr("num_bits: int >= 2 = 8")
     .Attr("with_offset: bool = true")
     .SetIsStateful()
-    .SetShapeFn(ScalarOutput)
+    .SetShapeFn(tensorflow::shape_inference::ScalarShape)
     .Doc("A new activation ARQ calibrator, which keeps the extremes.");
-REGISTER_KERNEL_BUILDER(Name("KestArqCalibrator").Device(tensorflow::DEVICE_CPU), ArqCalibratorOp);
+REGISTER_KERNEL_BUILDER(Name("KestArqCalibrator").Device(tensorflow::DEVICE_CPU), CalibratorOp<ArqCalibrator>);
 
 REGISTER_OP("KestHfmgCalibrator")
     .Output("calibrator: resource")
@@ -186,9 +181,9 @@ REGISTER_OP("KestHfmgCalibrator")
     .Attr("with_offset: bool = true")
     .Attr("num_bins: int >= 1 = 4096")
     .SetIsStateful()
-    .SetShapeFn(ScalarOutput)
+    .SetShapeFn(tensorflow::shape_inference::ScalarShape)
     .Doc("A new HFMG calibrator, which counts batches into a histogram.");
-REGISTER_KERNEL_BUILDER(Name("KestHfmgCalibrator").Device(tensorflow::DEVICE_CPU), HfmgCalibratorOp);
+REGISTER_KERNEL_BUILDER(Name("KestHfmgCalibrator").Device(tensorflow::DEVICE_CPU), CalibratorOp<HfmgCalibrator>);
 
 REGISTER_OP("KestIfmrCalibrator")
     .Output("calibrator: resource")
@@ -200,23 +195,22 @@ REGISTER_OP("KestIfmrCalibrator")
     .Attr("max_percentile: float = 0.999999")
     .Attr("min_percentile: float = 0.999999")
     .SetIsStateful()
-    .SetShapeFn(ScalarOutput)
+    .SetShapeFn(tensorflow::shape_inference::ScalarShape)
     .Doc("A new IFMR calibrator, which keeps all values.");
-REGISTER_KERNEL_BUILDER(Name("KestIfmrCalibrator").Device(tensorflow::DEVICE_CPU), IfmrCalibratorOp);
+REGISTER_KERNEL_BUILDER(Name("KestIfmrCalibrator").Device(tensorflow::DEVICE_CPU), CalibratorOp<IfmrCalibrator>);
 
-class CalibratorAddOp : public OpKernel {
+class CalibratorAddOp : public Kernel {
 public:
-    using OpKernel::OpKernel;
+    using Kernel::Kernel;
 
-    void Compute(OpKernelContext* context) override {
+private:
+    Status Call(OpKernelContext* context) override {
         tensorflow::core::RefCountPtr<Calibrator> calibrator;
-        OP_REQUIRES_OK(context,
-                       tensorflow::LookupResource(context, tensorflow::HandleFromInput(context, 0), &calibrator));
+        TF_RETURN_IF_ERROR(ResourceOf(context, calibrator));
         const Tensor& batch = context->input(1);
         int length = 0;
-        OP_REQUIRES_OK(context, CountOf(batch, length));
-        const float* data = batch.flat<float>().data();
-        OP_REQUIRES_OK(context, Run(name(), [&] { return calibrator->Add(data, static_cast<unsigned int>(length)); }));
+        TF_RETURN_IF_ERROR(CountOf(batch, length));
+        return calibrator->Add(batch.flat<float>().data(), length);
     }
 };
 
@@ -224,25 +218,23 @@ REGISTER_OP("KestCalibratorAdd")
     .Input("calibrator: resource")
     .Input("batch: float")
     .SetIsStateful()
-    .SetShapeFn(tensorflow::shape_inference::NoOutputs)
+    .SetShapeFn([](InferenceContext* context) { return CheckRank(context, 0, 0); })
     .Doc("Shows a batch to a calibrator.");
 REGISTER_KERNEL_BUILDER(Name("KestCalibratorAdd").Device(tensorflow::DEVICE_CPU), CalibratorAddOp);
 
-class CalibratorFactorsOp : public OpKernel {
+class CalibratorFactorsOp : public Kernel {
 public:
-    using OpKernel::OpKernel;
+    using Kernel::Kernel;
 
-    void Compute(OpKernelContext* context) override {
+private:
+    Status Call(OpKernelContext* context) override {
         tensorflow::core::RefCountPtr<Calibrator> calibrator;
-        OP_REQUIRES_OK(context,
-                       tensorflow::LookupResource(context, tensorflow::HandleFromInput(context, 0), &calibrator));
-        Tensor* scale = nullptr;
-        Tensor* offset = nullptr;
-        OP_REQUIRES_OK(context, context->allocate_output(0, {}, &scale));
-        OP_REQUIRES_OK(context, context->allocate_output(1, {}, &offset));
-        OP_REQUIRES_OK(context, Run(name(), [&] {
-                           return calibrator->Factors(scale->flat<float>().data(), offset->flat<int32_t>().data());
-                       }));
+        TF_RETURN_IF_ERROR(ResourceOf(context, calibrator));
+        float* scale = nullptr;
+        int* offset = nullptr;
+        TF_RETURN_IF_ERROR(Allocate(context, 0, {}, scale));
+        TF_RETURN_IF_ERROR(Allocate(context, 1, {}, offset));
+        return calibrator->Factors(scale, offset);
     }
 };
 
@@ -251,7 +243,10 @@ REGISTER_OP("KestCalibratorFactors")
     .Output("scale: float")
     .Output("offset: int32")
     .SetIsStateful()
-    .SetShapeFn(ScalarOutput)
+    .SetShapeFn([](InferenceContext* context) {
+        for (const int output : {0, 1}) context->set_output(output, context->Scalar());
+        return CheckRank(context, 0, 0);
+    })
     .Doc("The scale and the offset of the batches that a calibrator has seen.");
 REGISTER_KERNEL_BUILDER(Name("KestCalibratorFactors").Device(tensorflow::DEVICE_CPU), CalibratorFactorsOp);
 

@@ -9,32 +9,31 @@ namespace kest_ops {
 namespace {
 
 template <typename T>
-class DumpOp : public OpKernel {
+class DumpOp : public Kernel {
 public:
-    explicit DumpOp(OpKernelConstruction* context) : OpKernel(context) {
-        OP_REQUIRES_OK(context, context->GetAttr("directory", &directory_));
-        OP_REQUIRES_OK(context, context->GetAttr("tensor_name", &tensorName_));
+    explicit DumpOp(OpKernelConstruction* context) : Kernel(context) {
+        Check(context, context->GetAttr("directory", &directory_));
+        Check(context, context->GetAttr("tensor_name", &tensorName_));
     }
 
-    void Compute(OpKernelContext* context) override {
+private:
+    Status Call(OpKernelContext* context) override {
         using Element = std::conditional_t<std::is_same_v<T, Eigen::half>, unsigned short, T>;
         const Tensor& x = context->input(0);
         int length = 0;
-        OP_REQUIRES_OK(context, CountOf(x, length));
         int batch = 0;
-        OP_REQUIRES_OK(context, ScalarOf(context->input(1), "batch", batch));
-        OP_REQUIRES(context, batch >= 0, tensorflow::errors::InvalidArgument("batch is negative: ", batch));
+        TF_RETURN_IF_ERROR(CountOf(x, length));
+        TF_RETURN_IF_ERROR(ScalarOf(context, "batch", batch));
+        if (batch < 0) return errors::InvalidArgument("batch is negative: ", batch);
         kest_tf::DumpParam param{directory_, tensorName_, static_cast<unsigned int>(batch), {}, 0};
         for (int a = 0; a < x.dims(); ++a) param.shape.push_back(static_cast<float>(x.dim_size(a)));
         param.shapeLength = static_cast<unsigned int>(x.dims());
         const auto* data = reinterpret_cast<const Element*>(x.flat<T>().data());
         util::LogCapture capture;  // the status is always 0, a line tells of a failure
         kest_tf::DumpFunctor<Device, Element>()(data, static_cast<unsigned int>(length), param);
-        OP_REQUIRES(context, capture.lines.empty(),
-                    tensorflow::errors::InvalidArgument(name(), " failed: ", capture.lines));
+        return capture.lines.empty() ? OkStatus() : errors::InvalidArgument("failed: ", capture.lines);
     }
 
-private:
     std::string directory_;
     std::string tensorName_;
 };
@@ -46,10 +45,7 @@ REGISTER_OP("KestDump")
     .Attr("directory: string")
     .Attr("tensor_name: string")
     .SetIsStateful()
-    .SetShapeFn([](InferenceContext* context) {
-        tensorflow::shape_inference::ShapeHandle scalar;
-        return context->WithRank(context->input(1), 0, &scalar);
-    })
+    .SetShapeFn([](InferenceContext* context) { return CheckRank(context, 1, 0); })
     .Doc("Writes x to <directory>/<tensor_name>_batch<batch>.bin: element type, shape, elements.");
 #define REGISTER_DUMP(T) \
     REGISTER_KERNEL_BUILDER(Name("KestDump").Device(tensorflow::DEVICE_CPU).TypeConstraint<T>("T"), DumpOp<T>)

@@ -3,6 +3,7 @@
 
 #include <kest/kernel_frame/grid.h>
 #include <kest/kernel_frame/log_capture.h>
+#include <kest/kernel_frame/status.h>
 #include <kest/kernel_frame/views.h>
 #include <tensorflow/core/framework/op.h>
 #include <tensorflow/core/framework/op_kernel.h>
@@ -16,51 +17,95 @@
 
 namespace kest_ops {
 
-using tensorflow::OpKernel;
+namespace errors = tensorflow::errors;
+
+using tensorflow::OkStatus;
 using tensorflow::OpKernelConstruction;
 using tensorflow::OpKernelContext;
+using tensorflow::Status;
 using tensorflow::Tensor;
+using tensorflow::TensorShape;
+using tensorflow::shape_inference::DimensionHandle;
 using tensorflow::shape_inference::InferenceContext;
+using tensorflow::shape_inference::ShapeHandle;
 
 using Device = util::ThreadPoolDevice;
 
-/// The number of elements as kest takes it.
-inline tensorflow::Status CountOf(const Tensor& tensor, int& count) {
-    if (tensor.NumElements() > std::numeric_limits<int>::max()) {
-        return tensorflow::errors::InvalidArgument("a tensor of ", tensor.NumElements(),
-                                                   " elements is more than kest counts");
-    }
-    count = static_cast<int>(tensor.NumElements());
-    return tensorflow::OkStatus();
-}
+constexpr int64_t kMaxCount = std::numeric_limits<int>::max();
 
-/// Calls kest; a status other than 0 becomes an error with the operator's name, the status and kest's own log lines.
-template <typename Call>
-tensorflow::Status Run(const std::string& operatorName, Call call) {
+/// An operator at work. Its errors name the operator and the node; memory that runs out is one of them.
+class Kernel : public tensorflow::OpKernel {
+public:
+    using OpKernel::OpKernel;
+
+    void Compute(OpKernelContext* context) final;
+
+protected:
+    /// For constructors: an error makes the kernel one that cannot be used.
+    void Check(OpKernelConstruction* context, const Status& status) const;
+
+private:
+    virtual Status Call(OpKernelContext* context) = 0;
+    Status Named(const Status& error) const;
+};
+
+/// The error of a status: its number, its name and kest's own log lines.
+Status StatusError(int status, const std::string& lines);
+
+/// Calls kest; a status other than 0 becomes an error.
+template <typename Function>
+Status Run(Function call) {
     util::LogCapture capture;
     const int status = call();
-    if (status == 0) return tensorflow::OkStatus();
-    return tensorflow::errors::InvalidArgument(operatorName, " failed with status ", status, ": ", capture.lines);
+    return status == STATUS_OK ? OkStatus() : StatusError(status, capture.lines);
 }
 
-/// The value of a scalar input.
+/// The number of elements as kest takes it.
+Status CountOf(const Tensor& tensor, int& count);
+
+/// The value of an input that has to be a scalar.
 template <typename T>
-tensorflow::Status ScalarOf(const Tensor& tensor, const char* name, T& value) {
-    if (!tensorflow::TensorShapeUtils::IsScalar(tensor.shape())) {
-        return tensorflow::errors::InvalidArgument(name, " has to be a scalar, not of shape ",
-                                                   tensor.shape().DebugString());
+Status ScalarOf(OpKernelContext* context, const char* input, T& value) {
+    const Tensor* tensor = nullptr;
+    TF_RETURN_IF_ERROR(context->input(input, &tensor));
+    if (!tensorflow::TensorShapeUtils::IsScalar(tensor->shape())) {
+        return errors::InvalidArgument(input, " has to be a scalar, not of shape ", tensor->shape().DebugString());
     }
-    value = tensor.scalar<T>()();
-    return tensorflow::OkStatus();
+    value = tensor->scalar<T>()();
+    return OkStatus();
+}
+
+/// Allocates an output; where its elements go.
+template <typename T>
+Status Allocate(OpKernelContext* context, int output, const TensorShape& shape, T*& data) {
+    Tensor* tensor = nullptr;
+    TF_RETURN_IF_ERROR(context->allocate_output(output, shape, &tensor));
+    data = tensor->flat<T>().data();
+    return OkStatus();
+}
+
+/// Allocates output 0 in the shape of input 0, of the same type, whose memory it takes if nobody else wants that.
+template <typename T>
+Status AllocateOrTakeInput(OpKernelContext* context, T*& data) {
+    Tensor* tensor = nullptr;
+    TF_RETURN_IF_ERROR(context->forward_input_or_allocate_output({0}, 0, context->input(0).shape(), &tensor));
+    data = tensor->flat<T>().data();
+    return OkStatus();
 }
 
 /// The width of a grid whose codes are 32-bit integers.
-inline tensorflow::Status GetNumBits(OpKernelConstruction* context, int& numBits) {
-    TF_RETURN_IF_ERROR(context->GetAttr("num_bits", &numBits));
-    if (numBits <= static_cast<int>(util::kMaxNumBits)) return tensorflow::OkStatus();
-    return tensorflow::errors::InvalidArgument("num_bits is ", numBits, ", at most ", util::kMaxNumBits,
-                                               " are allowed");
-}
+Status GetNumBits(OpKernelConstruction* context, int& numBits);
+
+/// A kernel with such a grid.
+class GridKernel : public Kernel {
+public:
+    explicit GridKernel(OpKernelConstruction* context) : Kernel(context) {
+        Check(context, GetNumBits(context, numBits_));
+    }
+
+protected:
+    int numBits_ = 0;
+};
 
 /// The channels of a tensor: `count` along one axis, with `inner` elements behind each.
 struct Channels {
@@ -69,44 +114,36 @@ struct Channels {
 };
 
 /// The channels along `axis`, counted from the end if negative, of a tensor that CountOf takes.
-inline tensorflow::Status ChannelsOf(const Tensor& tensor, int axis, Channels& channels) {
-    const int rank = tensor.dims();
-    if (axis < -rank || axis >= rank) {
-        return tensorflow::errors::InvalidArgument("a tensor of shape ", tensor.shape().DebugString(), " has no axis ",
-                                                   axis);
-    }
-    if (axis < 0) axis += rank;
-    if (tensor.dim_size(axis) > std::numeric_limits<int>::max()) {  // of an empty tensor
-        return tensorflow::errors::InvalidArgument(tensor.dim_size(axis), " channels are more than kest counts");
-    }
-    channels = {static_cast<int>(tensor.dim_size(axis)), 1};
-    if (tensor.NumElements() == 0) return tensorflow::OkStatus();
-    for (int a = axis + 1; a < rank; ++a) channels.inner *= static_cast<int>(tensor.dim_size(a));
-    return tensorflow::OkStatus();
-}
+Status ChannelsOf(const Tensor& tensor, int axis, Channels& channels);
 
 /// Fails unless `factors` is a vector with an entry for each channel.
-inline tensorflow::Status CheckPerChannel(const Tensor& factors, const char* name, int numChannels) {
-    if (factors.dims() == 1 && factors.dim_size(0) == numChannels) return tensorflow::OkStatus();
-    return tensorflow::errors::InvalidArgument(
-        name, " has to hold ", numChannels, " values, one a channel, and is of shape ", factors.shape().DebugString());
-}
+Status CheckPerChannel(const Tensor& factors, const char* name, int numChannels);
+
+/// For shape functions: `axis` of input `tensor` is as long as `dimension`.
+Status MergeAxis(InferenceContext* context, int tensor, int axis, DimensionHandle dimension);
 
 /// For shape functions: input `factors` is a vector as long as `axis` of input `tensor`.
-inline tensorflow::Status MergeChannels(InferenceContext* context, int tensor, int axis, int factors) {
-    tensorflow::shape_inference::ShapeHandle vector;
-    TF_RETURN_IF_ERROR(context->WithRank(context->input(factors), 1, &vector));
-    const auto shape = context->input(tensor);
-    if (!context->RankKnown(shape)) return tensorflow::OkStatus();
-    const int rank = context->Rank(shape);
-    if (axis < -rank || axis >= rank) {
-        return tensorflow::errors::InvalidArgument("a tensor of shape ", context->DebugString(shape), " has no axis ",
-                                                   axis);
-    }
-    tensorflow::shape_inference::DimensionHandle merged;
-    return context->Merge(context->Dim(shape, axis), context->Dim(vector, 0), &merged);
-}
+Status MergeChannels(InferenceContext* context, int tensor, int axis, int factors);
+
+/// For shape functions: input `input` is of rank `rank`.
+Status CheckRank(InferenceContext* context, int input, int rank);
+
+// Shape functions, of operators whose output 0 has the shape of input 0 ...
+
+/// ... and whose other inputs and outputs are scalars.
+Status SameShape(InferenceContext* context);
+
+/// ... and whose other outputs have an entry for each channel of its last axis.
+Status WeightsAndFactors(InferenceContext* context);
+
+/// ... and whose other inputs have.
+Status WeightsByFactors(InferenceContext* context);
 
 }  // namespace kest_ops
+
+// A kernel for each element type.
+#define REGISTER_FLOATING(NAME, KERNEL)                                                                           \
+    REGISTER_KERNEL_BUILDER(Name(NAME).Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"), KERNEL<float>); \
+    REGISTER_KERNEL_BUILDER(Name(NAME).Device(tensorflow::DEVICE_CPU).TypeConstraint<double>("T"), KERNEL<double>)
 
 #endif  // KEST_TENSORFLOW_KEST_OPS_H_

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <limits>
 #include <vector>
 
 #include "kest_ops.h"
@@ -12,37 +11,30 @@
 namespace kest_ops {
 namespace {
 
-constexpr int64_t kMaxCount = std::numeric_limits<int>::max();
-
-// A kernel for each element type.
-#define REGISTER_FLOATING(NAME, KERNEL)                                                                           \
-    REGISTER_KERNEL_BUILDER(Name(NAME).Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"), KERNEL<float>); \
-    REGISTER_KERNEL_BUILDER(Name(NAME).Device(tensorflow::DEVICE_CPU).TypeConstraint<double>("T"), KERNEL<double>)
-
 template <typename T>
-class GenerateMaskOp : public OpKernel {
+class GenerateMaskOp : public Kernel {
 public:
-    using OpKernel::OpKernel;
+    using Kernel::Kernel;
 
-    void Compute(OpKernelContext* context) override {
+private:
+    Status Call(OpKernelContext* context) override {
         const Tensor& rows = context->input(0);
         const Tensor& columns = context->input(1);
         KestTfOp::MaskGenParam<T> param{};
-        OP_REQUIRES_OK(context, CountOf(rows, param.rowNum));
-        OP_REQUIRES_OK(context, CountOf(columns, param.colNum));
-        OP_REQUIRES_OK(context, CheckPerChannel(rows, "rows", param.rowNum));
-        OP_REQUIRES_OK(context, CheckPerChannel(columns, "columns", param.colNum));
-        Tensor* mask = nullptr;
-        OP_REQUIRES_OK(context, context->allocate_output(0, {param.rowNum, param.colNum}, &mask));
-        OP_REQUIRES_OK(context, CountOf(*mask, param.length));
-        Tensor saved;  // the graph keeps masks itself
-        OP_REQUIRES_OK(context, context->allocate_temp(mask->dtype(), mask->shape(), &saved));
-        param.outMask = mask->flat<T>().data();
-        param.savedMask = saved.flat<T>().data();
-        const T* rowMask = rows.flat<T>().data();
-        const T* colMask = columns.flat<T>().data();
-        OP_REQUIRES_OK(context,
-                       Run(name(), [&] { return KestTfOp::GenerateMask<Device, T>()(rowMask, colMask, param); }));
+        TF_RETURN_IF_ERROR(CountOf(rows, param.rowNum));
+        TF_RETURN_IF_ERROR(CountOf(columns, param.colNum));
+        TF_RETURN_IF_ERROR(CheckPerChannel(rows, "rows", param.rowNum));
+        TF_RETURN_IF_ERROR(CheckPerChannel(columns, "columns", param.colNum));
+        const int64_t length = int64_t{param.rowNum} * param.colNum;
+        if (length > kMaxCount)
+            return errors::InvalidArgument("a mask of ", length, " entries is more than kest counts");
+        TF_RETURN_IF_ERROR(Allocate(context, 0, {param.rowNum, param.colNum}, param.outMask));
+        std::vector<T> saved(length);  // the graph keeps masks itself
+        param.length = static_cast<int>(length);
+        param.savedMask = saved.data();
+        return Run([&] {
+            return KestTfOp::GenerateMask<Device, T>()(rows.flat<T>().data(), columns.flat<T>().data(), param);
+        });
     }
 };
 
@@ -52,51 +44,49 @@ REGISTER_OP("KestGenerateMask")
     .Output("mask: T")
     .Attr("T: {float, double}")
     .SetShapeFn([](InferenceContext* context) {
-        tensorflow::shape_inference::ShapeHandle rows;
-        tensorflow::shape_inference::ShapeHandle columns;
+        ShapeHandle rows;
+        ShapeHandle columns;
         TF_RETURN_IF_ERROR(context->WithRank(context->input(0), 1, &rows));
         TF_RETURN_IF_ERROR(context->WithRank(context->input(1), 1, &columns));
         context->set_output(0, context->Matrix(context->Dim(rows, 0), context->Dim(columns, 0)));
-        return tensorflow::OkStatus();
+        return OkStatus();
     })
     .Doc("The mask of two axes: 1 where neither the row nor the column is 0.");
 REGISTER_FLOATING("KestGenerateMask", GenerateMaskOp);
 
 template <typename T>
-class ApplyMaskOp : public OpKernel {
+class ApplyMaskOp : public Kernel {
 public:
-    explicit ApplyMaskOp(OpKernelConstruction* context) : OpKernel(context) {
-        OP_REQUIRES_OK(context, context->GetAttr("row_axis", &rowAxis_));
-        OP_REQUIRES_OK(context, context->GetAttr("column_axis", &columnAxis_));
+    explicit ApplyMaskOp(OpKernelConstruction* context) : Kernel(context) {
+        Check(context, context->GetAttr("row_axis", &rowAxis_));
+        Check(context, context->GetAttr("column_axis", &columnAxis_));
     }
 
-    void Compute(OpKernelContext* context) override {
+private:
+    Status Call(OpKernelContext* context) override {
         const Tensor& x = context->input(0);
         const Tensor& mask = context->input(1);
         KestTfOp::MaskParam param{};
-        OP_REQUIRES_OK(context, CountOf(x, param.length));
+        TF_RETURN_IF_ERROR(CountOf(x, param.length));
         Channels rows;
         Channels columns;
-        OP_REQUIRES_OK(context, ChannelsOf(x, rowAxis_, rows));
-        OP_REQUIRES_OK(context, ChannelsOf(x, columnAxis_, columns));
-        OP_REQUIRES(context, mask.dims() == 2 && mask.dim_size(0) == rows.count && mask.dim_size(1) == columns.count,
-                    tensorflow::errors::InvalidArgument("mask has to be of shape [", rows.count, ",", columns.count,
-                                                        "] and is of shape ", mask.shape().DebugString()));
-        Tensor* y = nullptr;
-        OP_REQUIRES_OK(context, context->forward_input_or_allocate_output({0}, 0, x.shape(), &y));
+        TF_RETURN_IF_ERROR(ChannelsOf(x, rowAxis_, rows));
+        TF_RETURN_IF_ERROR(ChannelsOf(x, columnAxis_, columns));
+        if (mask.dims() != 2 || mask.dim_size(0) != rows.count || mask.dim_size(1) != columns.count) {
+            return errors::InvalidArgument("mask has to be of shape [", rows.count, ",", columns.count,
+                                           "] and is of shape ", mask.shape().DebugString());
+        }
+        T* y = nullptr;
+        TF_RETURN_IF_ERROR(AllocateOrTakeInput(context, y));
         param.rowNum = rows.count;
         param.rowStride = rows.inner;
         param.colNum = columns.count;
         param.colStride = columns.inner;
-        const T* entries = mask.flat<T>().data();
-        const T* data = x.flat<T>().data();
-        T* out = y->flat<T>().data();
-        OP_REQUIRES_OK(context, Run(name(), [&] { return KestTfOp::MaskOut<Device, T>()(param, entries, data, out); }));
+        return Run([&] { return KestTfOp::MaskOut<Device, T>()(param, mask.flat<T>().data(), x.flat<T>().data(), y); });
     }
 
-private:
-    int rowAxis_;
-    int columnAxis_;
+    int rowAxis_ = 0;
+    int columnAxis_ = 0;
 };
 
 REGISTER_OP("KestApplyMask")
@@ -107,48 +97,53 @@ REGISTER_OP("KestApplyMask")
     .Attr("row_axis: int = -2")
     .Attr("column_axis: int = -1")
     .SetShapeFn([](InferenceContext* context) {
-        tensorflow::shape_inference::ShapeHandle mask;
+        ShapeHandle mask;
         TF_RETURN_IF_ERROR(context->WithRank(context->input(1), 2, &mask));
         context->set_output(0, context->input(0));
-        return tensorflow::OkStatus();
+        int rowAxis;
+        int columnAxis;
+        TF_RETURN_IF_ERROR(context->GetAttr("row_axis", &rowAxis));
+        TF_RETURN_IF_ERROR(context->GetAttr("column_axis", &columnAxis));
+        TF_RETURN_IF_ERROR(MergeAxis(context, 0, rowAxis, context->Dim(mask, 0)));
+        return MergeAxis(context, 0, columnAxis, context->Dim(mask, 1));
     })
     .Doc("x times the entry of the mask for its places along two axes.");
 REGISTER_FLOATING("KestApplyMask", ApplyMaskOp);
 
 template <typename T>
-class NOfMMaskOp : public OpKernel {
+class NOfMMaskOp : public Kernel {
 public:
-    explicit NOfMMaskOp(OpKernelConstruction* context) : OpKernel(context) {
-        OP_REQUIRES_OK(context, context->GetAttr("keep", &keep_));
-        OP_REQUIRES_OK(context, context->GetAttr("group_size", &groupSize_));
-        OP_REQUIRES_OK(context, context->GetAttr("axis", &axis_));
+    explicit NOfMMaskOp(OpKernelConstruction* context) : Kernel(context) {
+        Check(context, context->GetAttr("keep", &keep_));
+        Check(context, context->GetAttr("group_size", &groupSize_));
+        Check(context, context->GetAttr("axis", &axis_));
     }
 
-    void Compute(OpKernelContext* context) override {
+private:
+    Status Call(OpKernelContext* context) override {
         const Tensor& weights = context->input(0);
         const Tensor& select = context->input(1);
         int length = 0;
-        OP_REQUIRES_OK(context, CountOf(weights, length));
+        TF_RETURN_IF_ERROR(CountOf(weights, length));
         Channels channels;
-        OP_REQUIRES_OK(context, ChannelsOf(weights, axis_, channels));
-        OP_REQUIRES_OK(context, CheckPerChannel(select, "select", channels.count));
+        TF_RETURN_IF_ERROR(ChannelsOf(weights, axis_, channels));
+        TF_RETURN_IF_ERROR(CheckPerChannel(select, "select", channels.count));
         constexpr int kMaxChannels = 1 << 24;  // up to which kest counts groups exactly
-        OP_REQUIRES(
-            context, channels.count <= kMaxChannels,
-            tensorflow::errors::InvalidArgument("there are ", channels.count, " channels, more than ", kMaxChannels));
-        Tensor* mask = nullptr;
-        OP_REQUIRES_OK(context, context->allocate_output(0, weights.shape(), &mask));
-        T* out = mask->flat<T>().data();
-        std::fill_n(out, length, T{1});  // of the channels that take no part
-        if (length == 0) return;
+        if (channels.count > kMaxChannels) {
+            return errors::InvalidArgument("there are ", channels.count, " channels, more than ", kMaxChannels);
+        }
+        T* mask = nullptr;
+        TF_RETURN_IF_ERROR(Allocate(context, 0, weights.shape(), mask));
+        std::fill_n(mask, length, T{1});  // of the channels that take no part
+        if (length == 0) return OkStatus();
 
         // Room for all channels in groups, whichever are selected.
         const int64_t numGroups = (int64_t{channels.count} + groupSize_ - 1) / groupSize_;
         const int64_t room = length / channels.count * numGroups * groupSize_;
-        OP_REQUIRES(context, room <= kMaxCount,
-                    tensorflow::errors::InvalidArgument("the groups hold ", room, " elements, more than kest counts"));
-        Tensor gathered;
-        OP_REQUIRES_OK(context, context->allocate_temp(weights.dtype(), {room}, &gathered));
+        if (room > kMaxCount) {
+            return errors::InvalidArgument("the groups hold ", room, " elements, more than kest counts");
+        }
+        std::vector<T> gathered(room);
         SelectiveMaskGenKernel::SelectivePruneParam param{};
         param.axis = static_cast<unsigned int>(axis_ < 0 ? axis_ + weights.dims() : axis_);
         param.groupSize = static_cast<unsigned int>(groupSize_);
@@ -156,19 +151,15 @@ public:
         for (int a = 0; a < weights.dims(); ++a) {
             param.shape.push_back(static_cast<unsigned int>(weights.dim_size(a)));
         }
-        const T* data = weights.flat<T>().data();
-        const T* selected = select.flat<T>().data();
-        T* workspace = gathered.flat<T>().data();
-        OP_REQUIRES_OK(context, Run(name(), [&] {
-                           return SelectiveMaskGenKernel::ComputeMask<Device, T>()(data, selected, workspace, param,
-                                                                                   out);
-                       }));
+        return Run([&] {
+            return SelectiveMaskGenKernel::ComputeMask<Device, T>()(weights.flat<T>().data(), select.flat<T>().data(),
+                                                                    gathered.data(), param, mask);
+        });
     }
 
-private:
-    int keep_;
-    int groupSize_;
-    int axis_;
+    int keep_ = 0;
+    int groupSize_ = 0;
+    int axis_ = 0;
 };
 
 REGISTER_OP("KestNOfMMask")
@@ -189,57 +180,62 @@ REGISTER_OP("KestNOfMMask")
 REGISTER_FLOATING("KestNOfMMask", NOfMMaskOp);
 
 template <typename T>
-class ChannelPruneMaskOp : public OpKernel {
+class ChannelPruneMaskOp : public Kernel {
 public:
-    explicit ChannelPruneMaskOp(OpKernelConstruction* context) : OpKernel(context) {
+    explicit ChannelPruneMaskOp(OpKernelConstruction* context) : Kernel(context) { Check(context, Read(context)); }
+
+private:
+    Status Read(OpKernelConstruction* context) {
         std::vector<int> sizes;
         std::vector<int> counts;
-        OP_REQUIRES_OK(context, context->GetAttr("axes", &axes_));
-        OP_REQUIRES_OK(context, context->GetAttr("group_sizes", &sizes));
-        OP_REQUIRES_OK(context, context->GetAttr("prune_counts", &counts));
-        OP_REQUIRES(context, static_cast<int>(axes_.size()) == context->num_inputs(),
-                    tensorflow::errors::InvalidArgument("there are ", axes_.size(), " axes for ", context->num_inputs(),
-                                                        " tensors"));
-        OP_REQUIRES(context, sizes.size() == counts.size(),
-                    tensorflow::errors::InvalidArgument("there are ", counts.size(), " prune_counts for ", sizes.size(),
-                                                        " groups"));
+        TF_RETURN_IF_ERROR(context->GetAttr("axes", &axes_));
+        TF_RETURN_IF_ERROR(context->GetAttr("group_sizes", &sizes));
+        TF_RETURN_IF_ERROR(context->GetAttr("prune_counts", &counts));
+        if (static_cast<int>(axes_.size()) != context->num_inputs()) {
+            return errors::InvalidArgument("there are ", axes_.size(), " axes for ", context->num_inputs(), " tensors");
+        }
+        if (sizes.size() != counts.size()) {
+            return errors::InvalidArgument("there are ", counts.size(), " prune_counts for ", sizes.size(), " groups");
+        }
         int64_t numChannels = 0;
         for (std::size_t g = 0; g < sizes.size(); ++g) {
-            OP_REQUIRES(context, sizes[g] >= 1 && counts[g] >= 0 && counts[g] <= sizes[g],
-                        tensorflow::errors::InvalidArgument("group ", g, " cannot prune ", counts[g], " of ", sizes[g],
-                                                            " channels"));
+            if (sizes[g] < 1 || counts[g] < 0 || counts[g] > sizes[g]) {
+                return errors::InvalidArgument("group ", g, " cannot prune ", counts[g], " of ", sizes[g], " channels");
+            }
             numChannels += sizes[g];
         }
-        OP_REQUIRES(context, numChannels <= kMaxCount,
-                    tensorflow::errors::InvalidArgument(numChannels, " channels are more than kest counts"));
+        if (numChannels > kMaxCount) {
+            return errors::InvalidArgument(numChannels, " channels are more than kest counts");
+        }
         param_.numChannels = static_cast<int>(numChannels);
         param_.numGroups = static_cast<int>(sizes.size());
         param_.groupChannels.assign(sizes.begin(), sizes.end());
         param_.groupPruneNum.assign(counts.begin(), counts.end());
+        return OkStatus();
     }
 
-    void Compute(OpKernelContext* context) override {
+    Status Call(OpKernelContext* context) override {
         std::vector<const T*> tensors;
         std::vector<int> lengths;
         std::vector<int> innerJumps;
         for (int i = 0; i < context->num_inputs(); ++i) {
             const Tensor& tensor = context->input(i);
             int length = 0;
-            OP_REQUIRES_OK(context, CountOf(tensor, length));
+            TF_RETURN_IF_ERROR(CountOf(tensor, length));
             Channels channels;
-            OP_REQUIRES_OK(context, ChannelsOf(tensor, axes_[i], channels));
-            OP_REQUIRES(context, length > 0 && channels.count == param_.numChannels,
-                        tensorflow::errors::InvalidArgument("tensor ", i, " of shape ", tensor.shape().DebugString(),
-                                                            " does not hold elements of ", param_.numChannels,
-                                                            " channels along axis ", axes_[i]));
+            TF_RETURN_IF_ERROR(ChannelsOf(tensor, axes_[i], channels));
+            if (length == 0 || channels.count != param_.numChannels) {
+                return errors::InvalidArgument("tensor ", i, " of shape ", tensor.shape().DebugString(),
+                                               " does not hold elements of ", param_.numChannels,
+                                               " channels along axis ", axes_[i]);
+            }
             tensors.push_back(tensor.flat<T>().data());
             lengths.push_back(length);
             innerJumps.push_back(channels.inner);
         }
-        Tensor* mask = nullptr;
-        OP_REQUIRES_OK(context, context->allocate_output(0, {param_.numChannels}, &mask));
+        T* mask = nullptr;
+        TF_RETURN_IF_ERROR(Allocate(context, 0, {param_.numChannels}, mask));
         // kest writes a mask for each group, and with several of them one more of all channels: the one wanted here.
-        T* out = mask->flat<T>().data();
         std::vector<T> ofGroups(param_.numGroups > 1 ? param_.numChannels : 0);
         std::vector<T*> masks;
         if (param_.numGroups > 1) {
@@ -249,14 +245,11 @@ public:
                 ofGroup += size;
             }
         }
-        masks.push_back(out);
-        OP_REQUIRES_OK(context, Run(name(), [&] {
-                           return KestCommon::ComputeRemainOut<Device, T>()(tensors, lengths, innerJumps, param_,
-                                                                            masks);
-                       }));
+        masks.push_back(mask);
+        return Run(
+            [&] { return KestCommon::ComputeRemainOut<Device, T>()(tensors, lengths, innerJumps, param_, masks); });
     }
 
-private:
     std::vector<int> axes_;
     KestCommon::PruneParam param_{};
 };
@@ -274,8 +267,13 @@ REGISTER_OP("KestChannelPruneMask")
         TF_RETURN_IF_ERROR(context->GetAttr("group_sizes", &sizes));
         int64_t numChannels = 0;
         for (const int size : sizes) numChannels += std::max(size, 0);  // the kernel reports those below 1
-        context->set_output(0, context->Vector(numChannels));
-        return tensorflow::OkStatus();
+        const DimensionHandle channels = context->MakeDim(numChannels);
+        context->set_output(0, context->Vector(channels));
+        std::vector<int> axes;
+        TF_RETURN_IF_ERROR(context->GetAttr("axes", &axes));
+        const int numAxes = std::min(static_cast<int>(axes.size()), context->num_inputs());  // reported as well
+        for (int i = 0; i < numAxes; ++i) TF_RETURN_IF_ERROR(MergeAxis(context, i, axes[i], channels));
+        return OkStatus();
     })
     .Doc("1 for channels to keep, 0 for those of the smallest norms of each group.");
 REGISTER_FLOATING("KestChannelPruneMask", ChannelPruneMaskOp);

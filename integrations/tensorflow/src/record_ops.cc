@@ -8,44 +8,46 @@ namespace kest_ops {
 namespace {
 
 /// Updates the record of one layer in a file. Paths and names are attributes: they are those of the graph.
-class RecordOp : public OpKernel {
+class RecordOp : public Kernel {
 public:
-    explicit RecordOp(OpKernelConstruction* context) : OpKernel(context) {
-        OP_REQUIRES_OK(context, context->GetAttr("record_file", &file_));
-        OP_REQUIRES_OK(context, context->GetAttr("layer", &layer_));
+    explicit RecordOp(OpKernelConstruction* context) : Kernel(context) {
+        Check(context, context->GetAttr("record_file", &file_));
+        Check(context, context->GetAttr("layer", &layer_));
     }
 
 protected:
-    /// A vector or a scalar, for a layer with one factor for all channels.
-    static tensorflow::Status FactorsOf(const Tensor& factors, const char* name, int& count) {
-        if (factors.dims() > 1) {
-            return tensorflow::errors::InvalidArgument(name, " has to be a scalar or a vector, not of shape ",
-                                                       factors.shape().DebugString());
-        }
-        return CountOf(factors, count);
-    }
-
     std::string file_;
     std::string layer_;
 };
 
+/// The values of an input that has to be a vector, or a scalar for a layer with one factor for all channels.
+template <typename T>
+Status FactorsOf(OpKernelContext* context, const char* input, const T*& factors, int& count) {
+    const Tensor* tensor = nullptr;
+    TF_RETURN_IF_ERROR(context->input(input, &tensor));
+    if (tensor->dims() > 1) {
+        return errors::InvalidArgument(input, " has to be a scalar or a vector, not of shape ",
+                                       tensor->shape().DebugString());
+    }
+    factors = tensor->flat<T>().data();
+    return CountOf(*tensor, count);
+}
+
 class RecordDataOp : public RecordOp {
 public:
     explicit RecordDataOp(OpKernelConstruction* context) : RecordOp(context) {
-        OP_REQUIRES_OK(context, context->GetAttr("dst_type", &dstType_));
-    }
-
-    void Compute(OpKernelContext* context) override {
-        float scale = 0;
-        int offset = 0;
-        OP_REQUIRES_OK(context, ScalarOf(context->input(0), "scale", scale));
-        OP_REQUIRES_OK(context, ScalarOf(context->input(1), "offset", offset));
-        OP_REQUIRES_OK(context, Run(name(), [&] {
-                           return KestTfOp::WriteDataToRecordFile(&scale, &offset, layer_, file_, dstType_);
-                       }));
+        Check(context, context->GetAttr("dst_type", &dstType_));
     }
 
 private:
+    Status Call(OpKernelContext* context) override {
+        float scale = 0;
+        int offset = 0;
+        TF_RETURN_IF_ERROR(ScalarOf(context, "scale", scale));
+        TF_RETURN_IF_ERROR(ScalarOf(context, "offset", offset));
+        return Run([&] { return KestTfOp::WriteDataToRecordFile(&scale, &offset, layer_, file_, dstType_); });
+    }
+
     std::string dstType_;
 };
 
@@ -53,27 +55,25 @@ class RecordWeightsOp : public RecordOp {
 public:
     using RecordOp::RecordOp;
 
-    void Compute(OpKernelContext* context) override {
-        const Tensor& scale = context->input(0);
-        const Tensor& offset = context->input(1);
-        const Tensor& clusters = context->input(2);
+private:
+    Status Call(OpKernelContext* context) override {
+        const float* scale = nullptr;
+        const int* offset = nullptr;
+        const int* clusters = nullptr;
         int length = 0;
         int offsetLength = 0;
         int clusterLength = 0;
-        OP_REQUIRES_OK(context, FactorsOf(scale, "scale", length));
-        OP_REQUIRES_OK(context, FactorsOf(offset, "offset", offsetLength));
-        OP_REQUIRES_OK(context, FactorsOf(clusters, "clusters", clusterLength));
-        OP_REQUIRES(context, length == offsetLength,
-                    tensorflow::errors::InvalidArgument(length, " scales do not go with ", offsetLength, " offsets"));
-        const float* scales = scale.flat<float>().data();
-        const int* offsets = offset.flat<int32_t>().data();
-        const int* centres = clusters.flat<int32_t>().data();
-        OP_REQUIRES_OK(context, Run(name(), [&] {
-                           if (clusterLength == 0)  // which leaves those that the record has
-                               return KestTfOp::WriteWeightToRecordFile(scales, offsets, length, layer_, file_);
-                           return KestTfOp::WriteNuqRecordToFile(scales, offsets, centres, length, clusterLength,
-                                                                 layer_, file_);
-                       }));
+        TF_RETURN_IF_ERROR(FactorsOf(context, "scale", scale, length));
+        TF_RETURN_IF_ERROR(FactorsOf(context, "offset", offset, offsetLength));
+        TF_RETURN_IF_ERROR(FactorsOf(context, "clusters", clusters, clusterLength));
+        if (length != offsetLength) {
+            return errors::InvalidArgument(length, " scales do not go with ", offsetLength, " offsets");
+        }
+        return Run([&] {
+            if (clusterLength == 0)  // which leaves those that the record has
+                return KestTfOp::WriteWeightToRecordFile(scale, offset, length, layer_, file_);
+            return KestTfOp::WriteNuqRecordToFile(scale, offset, clusters, length, clusterLength, layer_, file_);
+        });
     }
 };
 
@@ -81,13 +81,12 @@ class RecordShiftBitsOp : public RecordOp {
 public:
     using RecordOp::RecordOp;
 
-    void Compute(OpKernelContext* context) override {
-        const Tensor& shiftBits = context->input(0);
+private:
+    Status Call(OpKernelContext* context) override {
+        const int* bits = nullptr;
         int length = 0;
-        OP_REQUIRES_OK(context, FactorsOf(shiftBits, "shift_bits", length));
-        const int* bits = shiftBits.flat<int32_t>().data();
-        OP_REQUIRES_OK(context,
-                       Run(name(), [&] { return KestTfOp::WriteShiftNToRecordFile(bits, length, layer_, file_); }));
+        TF_RETURN_IF_ERROR(FactorsOf(context, "shift_bits", bits, length));
+        return Run([&] { return KestTfOp::WriteShiftNToRecordFile(bits, length, layer_, file_); });
     }
 };
 
@@ -95,24 +94,22 @@ class RecordBalanceFactorsOp : public RecordOp {
 public:
     using RecordOp::RecordOp;
 
-    void Compute(OpKernelContext* context) override {
-        const Tensor& factors = context->input(0);
+private:
+    Status Call(OpKernelContext* context) override {
+        const float* factors = nullptr;
         int length = 0;
-        OP_REQUIRES_OK(context, FactorsOf(factors, "factors", length));
-        const float* data = factors.flat<float>().data();
-        OP_REQUIRES_OK(context, Run(name(), [&] {
-                           return KestTfOp::WriteTensorBalanceFactorToRecordFile(data, length, layer_, file_);
-                       }));
+        TF_RETURN_IF_ERROR(FactorsOf(context, "factors", factors, length));
+        return Run([&] { return KestTfOp::WriteTensorBalanceFactorToRecordFile(factors, length, layer_, file_); });
     }
 };
 
 /// No input is of a rank above `maxRank`.
 template <int maxRank>
-tensorflow::Status CheckFactors(InferenceContext* context) {
-    tensorflow::shape_inference::ShapeHandle factors;
+Status CheckFactors(InferenceContext* context) {
+    ShapeHandle factors;
     for (int input = 0; input < context->num_inputs(); ++input)
         TF_RETURN_IF_ERROR(context->WithRankAtMost(context->input(input), maxRank, &factors));
-    return tensorflow::OkStatus();
+    return OkStatus();
 }
 
 REGISTER_OP("KestRecordData")

@@ -1,8 +1,6 @@
 #include <kest/weight_quant/search_n.h>
 #include <kest/weight_quant/search_n_v2.h>
 #include <tensorflow/core/framework/common_shape_fns.h>
-#include <tensorflow/core/framework/resource_handle.h>
-#include <tensorflow/core/framework/resource_mgr.h>
 
 #include <algorithm>
 #include <climits>
@@ -11,6 +9,7 @@
 #include <vector>
 
 #include "kest_ops.h"
+#include "resources.h"
 
 namespace kest_ops {
 namespace {
@@ -19,15 +18,15 @@ namespace {
 struct Accumulators {
     static constexpr const char* kFormat = "NCHW";
 
-    tensorflow::Status Set(const Tensor& x, const Tensor& factors, int axis) {
+    Status Set(const Tensor& x, const Tensor& factors, int axis) {
         TF_RETURN_IF_ERROR(CountOf(x, length));
-        if (length == 0) return tensorflow::errors::InvalidArgument("there are no accumulators");
+        if (length == 0) return errors::InvalidArgument("there are no accumulators");
         TF_RETURN_IF_ERROR(ChannelsOf(x, axis, channels));
         TF_RETURN_IF_ERROR(CheckPerChannel(factors, "scale", channels.count));
         shape = {length / channels.count / channels.inner, channels.count, channels.inner, 1};
         data = const_cast<float*>(x.flat<float>().data());  // only read, as the scales
         scale = const_cast<float*>(factors.flat<float>().data());
-        return tensorflow::OkStatus();
+        return OkStatus();
     }
 
     int length = 0;
@@ -38,41 +37,41 @@ struct Accumulators {
 };
 
 /// What the operators on accumulators have in common: attributes and shapes.
-class ShiftOp : public OpKernel {
+class ShiftOp : public Kernel {
 public:
-    explicit ShiftOp(OpKernelConstruction* context) : OpKernel(context) {
-        OP_REQUIRES_OK(context, context->GetAttr("axis", &axis_));
-        OP_REQUIRES_OK(context, context->GetAttr("per_tensor", &perTensor_));
+    explicit ShiftOp(OpKernelConstruction* context) : Kernel(context) {
+        Check(context, context->GetAttr("axis", &axis_));
+        Check(context, context->GetAttr("per_tensor", &perTensor_));
     }
 
 protected:
-    int axis_;
-    bool perTensor_;
+    int axis_ = 0;
+    bool perTensor_ = false;
 };
 
 class ShiftSearchOp : public ShiftOp {
 public:
     using ShiftOp::ShiftOp;
 
-    void Compute(OpKernelContext* context) override {
+private:
+    Status Call(OpKernelContext* context) override {
         Accumulators x;
-        OP_REQUIRES_OK(context, x.Set(context->input(0), context->input(1), axis_));
-        Tensor* shiftBits = nullptr;
-        OP_REQUIRES_OK(context, context->allocate_output(0, {perTensor_ ? 1 : x.channels.count}, &shiftBits));
+        TF_RETURN_IF_ERROR(x.Set(context->input(0), context->input(1), axis_));
+        int* shiftBits = nullptr;
+        const int numShifts = perTensor_ ? 1 : x.channels.count;
+        TF_RETURN_IF_ERROR(Allocate(context, 0, {numShifts}, shiftBits));
         std::vector<int> bits(x.channels.count);
         std::vector<float> bitsFloat(x.channels.count);
-        OP_REQUIRES_OK(context, Run(name(), [&] {
-                           KestTfOp::Param param{x.shape, true, Accumulators::kFormat};
-                           KestTfOp::SearchnInputParam<float> input{std::vector<std::vector<float>>(x.channels.count),
-                                                                    x.length, x.data};
-                           KestTfOp::SearchnQuantParam<float> quant{perTensor_, bits.data(), nullptr,         nullptr,
-                                                                    nullptr,    x.scale,     bitsFloat.data()};
-                           int batchCounter = 0;
-                           int batchNum = 1;
-                           return KestTfOp::SearchNFunctor<Device, float>()(param, batchCounter, batchNum, input,
-                                                                            quant);
-                       }));
-        std::copy_n(bits.begin(), shiftBits->NumElements(), shiftBits->flat<int32_t>().data());
+        KestTfOp::Param param{x.shape, true, Accumulators::kFormat};
+        KestTfOp::SearchnInputParam<float> input{std::vector<std::vector<float>>(x.channels.count), x.length, x.data};
+        KestTfOp::SearchnQuantParam<float> quant{perTensor_, bits.data(), nullptr,         nullptr,
+                                                 nullptr,    x.scale,     bitsFloat.data()};
+        int batchCounter = 0;
+        int batchNum = 1;
+        TF_RETURN_IF_ERROR(Run(
+            [&] { return KestTfOp::SearchNFunctor<Device, float>()(param, batchCounter, batchNum, input, quant); }));
+        std::copy_n(bits.begin(), numShifts, shiftBits);
+        return OkStatus();
     }
 };
 
@@ -89,31 +88,31 @@ REGISTER_OP("KestShiftSearch")
         TF_RETURN_IF_ERROR(context->GetAttr("per_tensor", &perTensor));
         TF_RETURN_IF_ERROR(MergeChannels(context, 0, axis, 1));
         context->set_output(0, perTensor ? context->Vector(1) : context->input(1));
-        return tensorflow::OkStatus();
+        return OkStatus();
     })
     .Doc("The shift of least squared error for the accumulators of each channel along axis, or of all together.");
 REGISTER_KERNEL_BUILDER(Name("KestShiftSearch").Device(tensorflow::DEVICE_CPU), ShiftSearchOp);
 
-/// The errors of sixteen shifts so far, a row for each channel, or one for all. Calls of concurrent executors wait for
-/// each other.
+/// The errors of sixteen shifts so far, a row for each channel, or one for all.
 class ShiftErrors : public tensorflow::ResourceBase {
 public:
-    tensorflow::Status Add(const std::string& operatorName, const Accumulators& x, bool perTensor) {
+    Status Add(const Accumulators& x, bool perTensor) {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (numChannels_ != 0 && numChannels_ != x.channels.count) {
-            return tensorflow::errors::InvalidArgument("accumulators of ", x.channels.count,
-                                                       " channels do not go with those before, of ", numChannels_);
+            return errors::InvalidArgument("accumulators of ", x.channels.count,
+                                           " channels do not go with those before, of ", numChannels_);
         }
-        numChannels_ = x.channels.count;
-        return Run(operatorName, [&] {
+        TF_RETURN_IF_ERROR(Run([&] {
             KestTfOp::DataParam param{x.shape, true, Accumulators::kFormat, nullptr};
-            KestTfOp::SearchnV2QuantParam<float> quant{perTensor, nullptr, x.scale, numChannels_};
+            KestTfOp::SearchnV2QuantParam<float> quant{perTensor, nullptr, x.scale, x.channels.count};
             sums_.length = x.length;
             sums_.data = x.data;
             int batchCounter = 0;    // the first one, which sizes a table that is empty and keeps another
             int batchNum = INT_MAX;  // never the last one
             return KestTfOp::SearchNV2Functor<Device, float>()(param, batchCounter, batchNum, sums_, quant);
-        });
+        }));
+        numChannels_ = x.channels.count;
+        return OkStatus();
     }
 
     /// One for each channel, or for all together; none before the first batch.
@@ -133,17 +132,12 @@ private:
     KestCommon::SearchnV2InputParam<float> sums_{};
 };
 
-/// Makes the errors of a new search each time that it runs.
-class ShiftErrorsOp : public OpKernel {
+class ShiftErrorsOp : public Kernel {
 public:
-    using OpKernel::OpKernel;
+    using Kernel::Kernel;
 
-    void Compute(OpKernelContext* context) override {
-        Tensor* handle = nullptr;
-        OP_REQUIRES_OK(context, context->allocate_output(0, {}, &handle));
-        handle->scalar<tensorflow::ResourceHandle>()() =
-            tensorflow::ResourceHandle::MakeRefCountingHandle(new ShiftErrors, context->device()->name());
-    }
+private:
+    Status Call(OpKernelContext* context) override { return NewResource(context, new ShiftErrors); }
 };
 
 REGISTER_OP("KestShiftErrors")
@@ -157,12 +151,13 @@ class ShiftErrorsAddOp : public ShiftOp {
 public:
     using ShiftOp::ShiftOp;
 
-    void Compute(OpKernelContext* context) override {
-        tensorflow::core::RefCountPtr<ShiftErrors> errors;
-        OP_REQUIRES_OK(context, tensorflow::LookupResource(context, tensorflow::HandleFromInput(context, 0), &errors));
+private:
+    Status Call(OpKernelContext* context) override {
+        tensorflow::core::RefCountPtr<ShiftErrors> searched;
+        TF_RETURN_IF_ERROR(ResourceOf(context, searched));
         Accumulators x;
-        OP_REQUIRES_OK(context, x.Set(context->input(1), context->input(2), axis_));
-        OP_REQUIRES_OK(context, errors->Add(name(), x, perTensor_));
+        TF_RETURN_IF_ERROR(x.Set(context->input(1), context->input(2), axis_));
+        return searched->Add(x, perTensor_);
     }
 };
 
@@ -181,24 +176,25 @@ REGISTER_OP("KestShiftErrorsAdd")
     .Doc("Adds the errors of a batch of accumulators to a shift search.");
 REGISTER_KERNEL_BUILDER(Name("KestShiftErrorsAdd").Device(tensorflow::DEVICE_CPU), ShiftErrorsAddOp);
 
-class ShiftErrorsFindOp : public OpKernel {
+class ShiftErrorsFindOp : public Kernel {
 public:
-    explicit ShiftErrorsFindOp(OpKernelConstruction* context) : OpKernel(context) {
-        OP_REQUIRES_OK(context, context->GetAttr("per_tensor", &perTensor_));
-    }
-
-    void Compute(OpKernelContext* context) override {
-        tensorflow::core::RefCountPtr<ShiftErrors> errors;
-        OP_REQUIRES_OK(context, tensorflow::LookupResource(context, tensorflow::HandleFromInput(context, 0), &errors));
-        const std::vector<int> found = errors->Find(perTensor_);
-        OP_REQUIRES(context, !found.empty(), tensorflow::errors::FailedPrecondition(name(), ": no batch was added"));
-        Tensor* shiftBits = nullptr;
-        OP_REQUIRES_OK(context, context->allocate_output(0, {static_cast<int64_t>(found.size())}, &shiftBits));
-        std::copy(found.begin(), found.end(), shiftBits->flat<int32_t>().data());
+    explicit ShiftErrorsFindOp(OpKernelConstruction* context) : Kernel(context) {
+        Check(context, context->GetAttr("per_tensor", &perTensor_));
     }
 
 private:
-    bool perTensor_;
+    Status Call(OpKernelContext* context) override {
+        tensorflow::core::RefCountPtr<ShiftErrors> searched;
+        TF_RETURN_IF_ERROR(ResourceOf(context, searched));
+        const std::vector<int> found = searched->Find(perTensor_);
+        if (found.empty()) return errors::FailedPrecondition("no batch was added");
+        int* shiftBits = nullptr;
+        TF_RETURN_IF_ERROR(Allocate(context, 0, {static_cast<int64_t>(found.size())}, shiftBits));
+        std::copy(found.begin(), found.end(), shiftBits);
+        return OkStatus();
+    }
+
+    bool perTensor_ = false;
 };
 
 REGISTER_OP("KestShiftErrorsFind")
@@ -210,7 +206,7 @@ REGISTER_OP("KestShiftErrorsFind")
         bool perTensor;
         TF_RETURN_IF_ERROR(context->GetAttr("per_tensor", &perTensor));
         context->set_output(0, context->Vector(perTensor ? 1 : InferenceContext::kUnknownDim));
-        return tensorflow::OkStatus();
+        return OkStatus();
     })
     .Doc("The shifts of least squared error over the batches of a search.");
 REGISTER_KERNEL_BUILDER(Name("KestShiftErrorsFind").Device(tensorflow::DEVICE_CPU), ShiftErrorsFindOp);

@@ -2,12 +2,15 @@
 
 import functools
 import gc
+import pathlib
+import resource
 from concurrent.futures import ThreadPoolExecutor
 
 import kest_tensorflow as kest
 import numpy as np
 import pytest
 import tensorflow as tf
+from graphs import both_ways
 
 Invalid = tf.errors.InvalidArgumentError
 calibrators = [kest.ActivationArqCalibrator, kest.HfmgCalibrator, kest.IfmrCalibrator]
@@ -106,6 +109,24 @@ def test_activation_arq(with_offset):
         np.testing.assert_allclose(found, [scale, -128 - np.rint(low / scale) if with_offset else 0], rtol=1e-6)
 
 
+@pytest.mark.parametrize("dtype", [np.float32, np.float64])
+def test_percentile_bounds(dtype):
+    x = np.random.default_rng(2).permutation(np.arange(-50, 150)).astype(dtype)
+    upper, lower = both_ways(lambda x: kest.percentile_bounds(x, 0.9, 1.0), x)
+    assert (upper, lower, upper.dtype) == (130, -50, dtype)
+    with pytest.raises(Invalid, match="KestPercentileBounds.*STATUS_BAD_PARAM"):
+        kest.percentile_bounds(x[:0])
+
+
+def test_fake_quantise():
+    x = np.float32([[-9, -1.25, 0.75], [np.nan, 1.3, np.inf]])
+    got = both_ways(lambda x: kest.fake_quantise(x, 0.5, 1, 3), x)
+    np.testing.assert_array_equal(got, [[-2.5, -1.5, 1], [0, 1, 1]])  # codes from -4 to 3
+    assert kest.fake_quantise(x[:0], 0.5, 1).shape == (0, 3)
+    with pytest.raises(Invalid, match="KestFakeQuantise.*STATUS_SCALE_ERROR"):
+        kest.fake_quantise(x, 0.0, 1)
+
+
 @pytest.mark.parametrize("make", calibrators)
 def test_order_in_a_function(make):
     """A function sees the batch before it asks for the factors, and what it saw stays for the next call."""
@@ -138,17 +159,42 @@ def test_lifetime():
 
 @pytest.mark.parametrize("make", calibrators)
 def test_errors(make):
-    with pytest.raises(Invalid, match="KestCalibratorFactors.* failed with status -?[1-9]"):
+    with pytest.raises(tf.errors.FailedPreconditionError, match="KestCalibratorFactors.* no batch was added"):
         make().factors()
+    with pytest.raises(Invalid, match=r"KestCalibratorAdd.* failed with status 8 .EMPTY_INPUT_ERROR.\s"):
+        make().add(np.float32([]))
     with pytest.raises(Invalid, match="at most 31"):
         make(32)
 
 
-def test_errors_of_batches():
-    calibrator = kest.HfmgCalibrator()
-    with pytest.raises(Invalid, match="KestCalibratorAdd.* failed with status -?[1-9]"):
-        calibrator.add(np.float32([]))
+def test_out_of_memory():
+    """An error, which leaves a calibrator what it had."""
+    x, calibrator = tf.zeros([2**24, 4]), kest.IfmrCalibrator()
+    calibrator.add(x[:1])
+    used = int(pathlib.Path("/proc/self/statm").read_text().split()[0]) * resource.getpagesize()
+    for name, call in ("CalibratorAdd", lambda: calibrator.add(x)), ("ShiftSearch", lambda: kest.shift_search(x, x[0])):
+        with pytest.raises(tf.errors.ResourceExhaustedError, match=f"Kest{name}': memory has run out"):
+            resource.setrlimit(resource.RLIMIT_AS, (used + 2**26, resource.RLIM_INFINITY))
+            try:
+                call()
+            finally:
+                resource.setrlimit(resource.RLIMIT_AS, (resource.RLIM_INFINITY,) * 2)
+    assert calibrator.factors()[0].numpy() == 1
+
+
+def test_batches_that_would_spoil_a_histogram():
+    zeros, calibrator = tf.zeros([2**26]), kest.HfmgCalibrator()
+    for _ in range(63):
+        calibrator.add(zeros)
+    for batch, message in [([1.0, np.inf], "has to be finite"), (zeros, "fewer than 2.32 values")]:
+        with pytest.raises(Invalid, match=message):
+            calibrator.add(batch)
+    calibrator.add([0.0])
+    assert factors_of(calibrator) == [1, -128]
+
+
+def test_errors_of_a_batch():
     calibrator = kest.IfmrCalibrator()
     calibrator.add([np.nan])
-    with pytest.raises(Invalid, match=r"(?s)failed with status -65530: .*NaN in input data"):
+    with pytest.raises(Invalid, match=r"(?s)failed with status -65530 .STATUS_BAD_PARAM.: .*NaN in input data"):
         calibrator.factors()

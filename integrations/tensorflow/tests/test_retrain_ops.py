@@ -66,7 +66,14 @@ def test_bounds_are_learned():
     assert 3.6 < clip_max.numpy() < 4.1
 
 
+def test_clip_check():
+    good = [((3, -1), (3, -1)), ((1, 1), (9, -9)), ((-1, -2), (9, -2)), ((3, 1), (3, -9))]
+    for bounds, expected in good:
+        np.testing.assert_array_equal(both_ways(kest.ulq_clip_check, *np.float32([*bounds, 9, -9])), expected * 2)
+    np.testing.assert_array_equal(kest.ulq_clip_check(3.0, 1.0, 9.0, -9.0, reset_min=True), [3, 0, 3, 0])
+
+
 def test_errors():
-    for clip_max, num_bits, message in [([1.0], 8, "clip_max has to be a scalar"), (1.0, 32, "at most 31")]:
+    for clip_max, num_bits, message in [([1.0], 8, "clip_max has to be a scalar"), (1.0, 32, "'KestUlq': num_bits is 32")]:
         with pytest.raises(Invalid, match=message):
             kest.ulq([1.0], clip_max, 0.0, num_bits)

@@ -30,11 +30,38 @@ def test_arq_weights(num_bits):
 
 def test_arq_weights_errors():
     """What kest refuses is told in its own words."""
-    with pytest.raises(Invalid, match=r"(?s)KestArqWeights.* failed with status -65519: .*scale is illegal"):
+    with pytest.raises(Invalid, match=r"(?s)KestArqWeights.* failed with status -65519 .*scale is illegal"):
         kest.arq_weights([[np.inf, 1.0]])
     for w, num_bits, message in [([], 8, "no weights"), (1.0, 8, "no axis -1"), ([1.0], 32, "at most 31")]:
         with pytest.raises(Invalid, match=message):
             kest.arq_weights(w, num_bits)
+    with pytest.raises(Invalid, match="KestArqWeights 'conv1/weights': failed with status -65519 .STATUS_SCALE_ERROR"):
+        tf.function(lambda w: kest.arq_weights(w, name="conv1/weights"))(tf.constant([np.inf]))
+
+
+def test_arq_codes():
+    w = rng.normal(1, size=(3, 2, 5)).astype(np.float32)
+    quantised, scale, offset = both_ways(lambda w: kest.arq_weights(w, 4, with_offset=True), w)
+    np.testing.assert_array_equal(offset, -8 - np.rint(np.minimum(w.min((0, 1)), 0) / scale))
+    w[0] *= 2  # beyond the grid too
+    codes = both_ways(lambda w: kest.arq_codes(w, scale, offset, 4), w)
+    np.testing.assert_array_equal(codes, np.clip(np.trunc(w / scale + np.copysign(0.5, w)) + offset, -8, 7))
+    np.testing.assert_array_equal(np.float32(codes - offset)[1:] * scale, quantised[1:])
+    for of_channels, num_bits, message in [(offset, 9, "codes of 9 bits"), (offset[1:], 8, "offset has to hold 5")]:
+        with pytest.raises(Invalid, match=message):
+            kest.arq_codes(w, scale, of_channels, num_bits)
+
+
+@pytest.mark.parametrize("reciprocal", [False, True])
+def test_steps_to_begin_with_and_to_deploy(reciprocal):
+    w = np.float32([[3, 1, 1e-7], [-7, 0, 0], [6, 7, 0]])
+    expected = np.float32([7 / 8, 1, 1])
+    steps = both_ways(lambda w: kest.initial_steps(w, 4, reciprocal), w)
+    np.testing.assert_array_equal(steps, 1 / expected if reciprocal else expected)
+    scale, offset = both_ways(lambda s: kest.step_scales(s, reciprocal), np.float32([-0.5, 2, 0]))
+    expected = np.float32([0.5, 2, 1e-6])
+    np.testing.assert_array_equal(scale, 1 / expected if reciprocal else expected)
+    np.testing.assert_array_equal(offset, np.zeros(3, np.int32))
 
 
 @pytest.mark.parametrize("reciprocal", [False, True])
@@ -79,7 +106,7 @@ def test_dmq_balance_factors():
     w = rng.normal(size=(2, 3, 4)).astype(np.float32)
     got = both_ways(lambda x, w: kest.dmq_balance_factors(x, w, 0.3), x, w)
     np.testing.assert_allclose(got, np.abs(x).max((0, 1)) ** 0.3 / np.abs(w).max((0, 2)) ** 0.7, rtol=1e-6)
-    with pytest.raises(Invalid, match=r"KestDmqBalanceFactors.* failed with status -65530: .*igration"):
+    with pytest.raises(Invalid, match=r"KestDmqBalanceFactors.* failed with status -65530 .*igration"):
         kest.dmq_balance_factors(x, w, 0.9)
     with pytest.raises(Invalid, match="3 channels do not go with weights of 4"):
         kest.dmq_balance_factors(x, w, weight_axis=-1)

@@ -38,6 +38,19 @@ def test_offset():
     np.testing.assert_array_equal(quantised, [[-256], [-1]])  # scale * (centre + offset)
 
 
+def test_given_factors():
+    """The first centre whose distance, less its fraction, is smallest; the channels are the last axis."""
+    weights = np.float32([[8.9, 20], [-3, -100], [9.5, 3]])
+    given = np.float32([1, 2]), np.int32([0, 1]), np.int32([10, 9, -3])
+    got = both_ways(lambda w: kest.fake_quantise_nuq(w, *given), weights)
+    np.testing.assert_array_equal(got, [[9, 20], [-3, -4], [10, -4]])
+    quantised, *factors = kest.nuq_weights(weights, 3)
+    np.testing.assert_array_equal(kest.fake_quantise_nuq(quantised, *factors), quantised)
+    for factors, message in [((given[0], given[1][:1], given[2]), "offset has to"), ((*given[:2], []), "no clusters")]:
+        with pytest.raises(Invalid, match=message):
+            kest.fake_quantise_nuq(weights, *factors)
+
+
 def test_errors():
     with pytest.raises(Invalid, match=r"KestNuqWeights.* failed with status -65530"):
         kest.nuq_weights([[np.nan]])
