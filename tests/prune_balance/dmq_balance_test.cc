@@ -33,7 +33,7 @@ TEST(DMQBalance, WorkedRows) {
     ExpectSameBits({0, 0.5f}, Balance({FLT_EPSILON}, {4 * FLT_EPSILON}, 0.5f, 1));  // not zero yet
     ExpectSameBits({0, 0x1.fffffep63f}, Balance({FLT_MAX}, {1}, 0.5f, 1));          // finite: 2^64 * sqrt(1 - 2^-24)
     ExpectSameBits({0, 0x1.ffffcep-80f}, Balance({1}, {0x1p100f}, 0.21f, 1));  // 1 - 0.21f is rounded to float, too
-    ExpectSameBits({0, 0.81649661f}, Balance({2}, {3}, 0.5f, 1));              // powers and quotient are double
+    ExpectSameBits({0, 0.81649661f}, Balance({2}, {3}, 0.5f, 1));              // not the product of two roots in floats
     ExpectSameBits({0, 8, 2}, Balance({16, 0}, {1, 4}, 0.75f, 2));             // 8 * 1 / 4; the ratio is 16 / 8
     ExpectSameBits({0, 27, 10 / 3.0f}, Balance({81, 10}, {1, 0}, 0.75f, 2));   // 10 / (81 / 27), no reciprocal
 }
