@@ -1,5 +1,5 @@
-#include <kest/weight_quant/arq.h>
 #include <kest/weight_quant/nuq.h>
+
 #include <tests/test_util.h>
 
 #include <algorithm>
@@ -69,19 +69,9 @@ void WorkedRows() {
     EXPECT_NE(log.npos, log.find("1 / FLT_EPSILON.\n[ERROR][NuqCalibrationCpuKernel][] NUQ scale is illegal.\n"));
 }
 
-TEST(Nuq, WeightsOfChannels) {
-    std::vector<float> scale{0.7f, 0.1f, 0.3f, 0.9f};
-    std::vector<double> weights;
-    double sum = 0;
-    for (const float s : scale) weights.push_back(double{s} / double{0.1f} * (double{s} / double{0.1f}));
-    for (const double weight : weights) sum += weight;
-    for (double& weight : weights) weight /= sum;
-    ExpectSameBits(weights, KestCommon::Weight(4, {4, scale.data()}, 1));
-}
-
-TEST(Nuq, Codes) {
+TEST(Nuq, CodesAndWeights) {
     double x[] = {-0.5, 2.5, -0x1p40, 9};
-    float scale = 1, lowest = -FLT_MAX;
+    float scale = 1, lowest = -FLT_MAX, scales[] = {2, 1};
     int offset = 1;
     char codes[4];
     EXPECT_EQ(STATUS_OK, NuqQuantRealPython(x, 4, {1, &scale}, {1, &offset}, codes));  // rounded, then moved
@@ -89,6 +79,7 @@ TEST(Nuq, Codes) {
     LogOf([&] {                                                                        // as finite as a number can be
         EXPECT_EQ(STATUS_SCALE_ERROR, KestCommon::NuqQuant(&lowest, 1, {1, false, 0}, {1, &scale}, {1, &offset}));
     });
+    ExpectSameBits({0.8, 0.8, 0.2, 0.2}, KestCommon::Weight(4, {2, scales}, 2));
 }
 
 template <typename T>
@@ -133,79 +124,31 @@ void PlainKmeans(std::vector<T>& x, const std::vector<double>& w, std::vector<T>
 }
 
 template <typename T>
-void AgainstPlain(unsigned int numChannels, unsigned int step, unsigned int numClusters) {
-    SCOPED_TRACE(testing::Message() << numChannels << " channels of " << step << ", " << numClusters << " clusters");
-    const unsigned int n = numChannels * step;
-    const NuqParam param{numClusters, numClusters != 5, 1};
-    const std::vector<T> x = MixedValues<T>(n, n + numClusters);
-    std::vector<T> grid(n), centers(numClusters);
-    std::vector<float> scale(numChannels);
-    std::vector<int> offset(numChannels);
-    const util::FloatData scales{numChannels, scale.data()};
-    KestCommon::WtsArqCalibrationCpuKernel<T>(x.data(), n, {8, true, param.withOffset}, scales,
-                                              {numChannels, offset.data()}, util::CO_CI_KH_KW);
-    for (unsigned int i = 0; i < n; ++i)
-        grid[i] = std::clamp<T>(x[i] / static_cast<T>(scale[i / step]) + static_cast<T>(offset[i / step]), -128, 127);
-    PlainKmeans(grid, KestCommon::Weight(n, scales, step), centers);
-    for (unsigned int c = 0; c < numChannels; ++c) {
-        T num = 0, den = 0, sum = 0;
-        for (unsigned int i = c * step; i < (c + 1) * step; ++i) {
-            const T level = static_cast<T>(offset[c]) + grid[i];
-            num = std::fma(x[i], level, num);
-            den += level * level;
-        }
-        scale[c] = std::isnan(num / den) ? 1 : static_cast<float>(num / den);
-        for (unsigned int i = c * step; i < (c + 1) * step; ++i)
-            sum = static_cast<T>(sum + (x[i] / (scale[c] + 1e-6) - grid[i]));
-        if (param.withOffset) offset[c] = static_cast<int>(std::round(sum / static_cast<T>(step)));
-        if (scale[c] < FLT_EPSILON) scale[c] = 1;
-    }
-    ExpectSameBits(centers, ExpectResult("plain loops", param, x, scale, offset, grid));
-}
-
-TEST(Nuq, WorkedRows) {
-    WorkedRows<float>();
-    WorkedRows<double>();
-}
-
-TEST(Nuq, AgainstPlainLoops) {
-    for (const unsigned int numChannels : {1u, 3u, 20u})
-        for (const unsigned int step : {1u, 15u, 16u, 17u, 33u, 260u})
-            for (const unsigned int numClusters : {1u, 5u, 16u, 40u}) {
-                AgainstPlain<float>(numChannels, step, numClusters);
-                AgainstPlain<double>(numChannels, step, numClusters);
-            }
-}
-
-template <typename T>
-void ManyValues() {
-    // Potentials between 2^20 and 2^23 have fractions to lose.
-    std::vector<T> x = MixedValues<T>(12000, 3, 30), plain = x, centers(16), plainCenters(16);
-    std::vector<double> weights(x.size(), 1.0 / 12000);
-    KestCommon::Kmeans(x, 16, weights, centers);
+void AgainstPlain(unsigned int n, unsigned int numClusters, T spread) {
+    SCOPED_TRACE(testing::Message() << n << " values, " << numClusters << " clusters");
+    std::vector<T> x = MixedValues<T>(n, n + numClusters, spread), plain = x;
+    std::vector<T> centers(numClusters), plainCenters(numClusters);
+    std::vector<double> weights(n);
+    for (unsigned int i = 0; i < n; ++i) weights[i] = (1 + i * 5 / n) / (3.0 * n);  // five channels
+    KestCommon::Kmeans(x, numClusters, weights, centers);
     PlainKmeans(plain, weights, plainCenters);
     ExpectSameBits(plainCenters, centers);
     ExpectSameBits(plain, x);
 }
 
-TEST(Nuq, ManyValuesAgainstPlainLoops) {
-    ManyValues<float>();
-    ManyValues<double>();
-    const std::vector<float> x = MixedValues<float>(2 * 200, 5, 30);
-    std::vector<float> scale{0.3f, 0x1p-53f}, out(x.size());
-    std::vector<int> offset{-3, 2}, centers{5, -128, -7, 40, 6, 127, -40};
-    const KestTfOp::WeightNuqQuantParam param{nullptr, nullptr, nullptr, scale.data(), offset.data(), centers.data(), 2,
-                                              7,       7,       0,       false};
-    EXPECT_EQ(STATUS_OK,
-              (KestTfOp::FakeQuantWithNuq<util::ThreadPoolDevice, float>()(param, x.data(), out.data(), 400)));
-    for (std::size_t i = 0; i < x.size(); ++i) {
-        const float s = scale[i / 200], o = static_cast<float>(offset[i / 200]);
-        const float code = std::clamp(i < 200 ? x[i] / s - o : x[i], -64.0f, 63.0f);
-        const auto distance = [=](int center) { return std::abs(static_cast<int>(code - static_cast<float>(center))); };
-        const int nearest =
-            *std::min_element(centers.begin(), centers.end(), [=](int a, int b) { return distance(a) < distance(b); });
-        ASSERT_EQ((o + static_cast<float>(nearest)) * s, out[i]) << i;
-    }
+TEST(Nuq, ClustersAgainstPlainLoops) {
+    for (const unsigned int n : {1u, 15u, 16u, 45u, 260u, 780u, 5200u})
+        for (const unsigned int numClusters : {1u, 5u, 16u, 40u}) {
+            AgainstPlain<float>(n, numClusters, 100);
+            AgainstPlain<double>(n, numClusters, 100);
+        }
+    AgainstPlain<float>(12000, 16, 30);  // potentials between 2^20 and 2^23 have fractions to lose
+    AgainstPlain<double>(12000, 16, 30);
+}
+
+TEST(Nuq, WorkedRows) {
+    WorkedRows<float>();
+    WorkedRows<double>();
 }
 
 TEST(Nuq, FirstFailingCheckDecidesAndNothingIsWritten) {
@@ -260,14 +203,14 @@ TEST(Nuq, FunctorsPublishStoreQuantiseAndRestore) {
     storedOffset = {-1, 5};
     const std::vector<float> in{3.4f, 6, 300, 2.7f, 3, -9, 2.99f};  // 3.4 / 2 + 1 = 2.7: less than 1 from 2
     std::vector<float> out(7);
-    EXPECT_EQ(STATUS_OK,
-              (KestTfOp::FakeQuantWithNuq<util::ThreadPoolDevice, float>()(param, in.data(), out.data(), 7)));
+    const KestTfOp::FakeQuantWithNuq<util::ThreadPoolDevice, float> quantise;
+    EXPECT_EQ(STATUS_OK, quantise(param, in.data(), out.data(), 7));
     ExpectSameBits({2, 4, 4, 7 * 0x1p-53f, 8 * 0x1p-53f, 7 * 0x1p-53f, 2}, out);
     centers = {INT_MAX, 3 << 29};  // 2^31 is no distance, 3 * 2^29 is one
     param.numClusters = 2;
     stored[0] = 1;
     float far = 0;
-    EXPECT_EQ(STATUS_OK, (KestTfOp::FakeQuantWithNuq<util::ThreadPoolDevice, float>()(param, &far, &far, 1)));
+    EXPECT_EQ(STATUS_OK, quantise(param, &far, &far, 1));
     EXPECT_EQ(0x1.8p30f, far);
     EXPECT_EQ(STATUS_OK, (KestTfOp::IdentityScaleOffsetNuq<util::ThreadPoolDevice, float>()(param)));
     ExpectSameBits(stored, scale);

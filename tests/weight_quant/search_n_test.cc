@@ -1,7 +1,6 @@
 #include <kest/weight_quant/search_n.h>
 #include <kest/weight_quant/search_n_v2.h>
 
-#include <omp.h>
 #include <tests/test_util.h>
 
 #include <algorithm>
@@ -59,6 +58,8 @@ TEST(SearchN, WorkedRows) {
     ExpectSameBits({2, 2}, Search({{65536, 1e9f}, {131072}}, {1, 2}, false));  // as long as the shortest
     EXPECT_EQ(2, Search({{0}, {131072}}, {1, 2}, true)[0]);                    // each row has its scale
     ExpectSameBits({1, -7}, Search({{1, 3}, {65536, 5}}, {1, 1}, true));       // 7 and 11
+    const Rows many(37, std::vector<float>(5000, -65539));                     // worth several threads
+    ExpectSameBits(std::vector<int>(37, 2), Search(many, std::vector<float>(37, 1), false));
     std::vector<int> shifts{9};
     EXPECT_EQ(STATUS_OK, KestCommon::SearchShiftBits({{-65539}, {}, {65536}, {INT_MIN}, {INT_MAX}}, shifts));
     ExpectSameBits({9, 1, 1, 2, 16, 16}, shifts);  // -65539 truncated: 9 and 9
@@ -157,79 +158,40 @@ TEST(SearchN, BothFunctorsSearchOnTheLastBatch) {
 }
 
 TEST(SearchN, FunctorsKnowTheRowsOfABatch) {
-    struct Layout {
+    const struct {
         const char* format;
         std::vector<int> shape;
         int run;  // adjacent values of a channel
-    };
-    const Layout layouts[] = {{"NCHW", {9, 3, 5, 8}, 40}, {"NCDHW", {9, 3, 2, 5, 4}, 40}, {"NHWC", {9, 5, 8, 3}, 1}};
-    std::vector<float> scale{0.3f, 1, 2};
-    for (const Layout& layout : layouts) {
+    } layouts[] = {{"NCHW", {9, 3, 5, 8}, 40}, {"NCDHW", {9, 3, 2, 5, 4}, 40}, {"NHWC", {9, 5, 8, 3}, 1}};
+    float scale[] = {0.3f, 1, 2};
+    for (const auto& layout : layouts) {
         for (const int n : {40, 119, 1000, 1001, 1080}) {  // partial periods leave rows of unequal length
+            SCOPED_TRACE(testing::Message() << layout.format << ", " << n << " values");
             std::vector<float> x = MixedValues<float>(n, n, 1e6f);
-            Rows rows(3);
-            for (int i = 0; i < n; ++i) rows[i / layout.run % 3].push_back(x[i]);
-            KestTfOp::Param keptParam{layout.shape, true, layout.format};
-            KestTfOp::SearchnInputParam<float> kept{{{7}, {8, 9}, {}}, n, x.data()};
+            const Rows before{{7}, {8, 9}, {}};
+            Rows rows(3), all = before;
+            for (int i = 0; i < n; ++i) {
+                rows[i / layout.run % 3].push_back(x[i]);
+                all[i / layout.run % 3].push_back(x[i]);
+            }
+            KestTfOp::Param param{layout.shape, true, layout.format};
+            KestTfOp::SearchnInputParam<float> kept{before, n, x.data()};
             KestTfOp::SearchnQuantParam<float> unused{};
-            int keptCounter = 0, keptNum = 2;
-            EXPECT_EQ(STATUS_OK, kSearchN(keptParam, keptCounter, keptNum, kept, unused));
-            kept.channelData[0].erase(kept.channelData[0].begin());  // what the rows held stays in front
-            kept.channelData[1].erase(kept.channelData[1].begin(), kept.channelData[1].begin() + 2);
-            EXPECT_EQ(rows, kept.channelData) << layout.format << ", " << n << " values";
+            int counter = 0, batchNum = 2;
+            EXPECT_EQ(STATUS_OK, kSearchN(param, counter, batchNum, kept, unused));
+            EXPECT_EQ(all, kept.channelData);
             for (const bool perTensor : {false, true}) {
                 Rows expected(3, std::vector<float>(16));
-                KestCommon::SearchNV2AccumulateError(rows, expected, {3, scale.data()}, perTensor);
-                KestTfOp::DataParam param{layout.shape, true, layout.format, nullptr};
+                KestCommon::SearchNV2AccumulateError(rows, expected, {3, scale}, perTensor);
+                KestTfOp::DataParam paramV2{layout.shape, true, layout.format, nullptr};
                 KestCommon::SearchnV2InputParam<float> input{{}, n, x.data()};
-                KestTfOp::SearchnV2QuantParam<float> quant{perTensor, nullptr, scale.data(), 3};
-                int counter = 0, batchNum = 2;
-                EXPECT_EQ(STATUS_OK, kSearchNV2(param, counter, batchNum, input, quant));
-                EXPECT_EQ(expected, input.errorTable) << layout.format << ", " << n << " values";
+                KestTfOp::SearchnV2QuantParam<float> quant{perTensor, nullptr, scale, 3};
+                counter = 0;
+                EXPECT_EQ(STATUS_OK, kSearchNV2(paramV2, counter, batchNum, input, quant));
+                EXPECT_EQ(expected, input.errorTable);
             }
         }
     }
-}
-
-template <typename Sum, typename T>
-int PlainSearch(const std::vector<T>& x) {
-    std::vector<Sum> sums(16);
-    std::vector<double> errors(x.size());
-    for (int i = 0; i < 16; ++i) {
-        KestCommon::EvaluateShiftNErrorCpu(static_cast<int>(x.size()), x.data(), errors.data(), 2 << i);
-        for (const double error : errors) sums[i] = static_cast<Sum>(static_cast<double>(sums[i]) + error);
-    }
-    return static_cast<int>(std::min_element(sums.begin(), sums.end()) - sums.begin()) + 1;
-}
-
-TEST(SearchN, RowsOfAnyLengthOnAnyNumberOfThreads) {
-    const int maxThreads = omp_get_max_threads();
-    const std::vector<float> scale(37, 0.3f);
-    for (const std::size_t length : {1u, 2u, 15u, 16u, 17u, 33u, 5000u}) {
-        Rows rows;
-        std::vector<float> all;
-        std::vector<std::vector<int>> ints;
-        std::vector<int> expected, expectedOfInts;
-        for (unsigned int c = 0; c < 37; ++c) {
-            rows.push_back(MixedValues<float>(length, c, std::ldexp(1.0f, static_cast<int>(c))));
-            std::vector<float> x;
-            for (const float value : rows[c]) x.push_back(std::round(value / scale[c]));
-            all.insert(all.end(), x.begin(), x.end());
-            expected.push_back(PlainSearch<float>(x));
-            for (float& value : x) value = std::clamp(value, -2e9f, 2e9f);
-            ints.emplace_back(x.begin(), x.end());
-            expectedOfInts.push_back(PlainSearch<double>(ints[c]));
-        }
-        for (const int threads : {1, 2, 5}) {
-            omp_set_num_threads(threads);
-            ExpectSameBits(expected, Search(rows, scale, false));
-            EXPECT_EQ(PlainSearch<float>(all), Search(rows, scale, true)[0]);
-            std::vector<int> shifts;
-            KestCommon::SearchShiftBits(ints, shifts);
-            ExpectSameBits(expectedOfInts, shifts);
-        }
-    }
-    omp_set_num_threads(maxThreads);
 }
 
 }  // namespace
