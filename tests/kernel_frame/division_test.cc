@@ -43,8 +43,7 @@ TEST(Divider, CorrectlyRoundedNextToEveryMidpoint) {
 #if defined(__x86_64__)
     if (!__builtin_cpu_supports("fma")) GTEST_SKIP() << "no fused multiply-add";
 #endif
-    std::uint64_t numTried = 0;
-    std::uint64_t numWrong = 0;
+    std::uint64_t numTried = 0, numWrong = 0;
     for (std::uint32_t b = 1u << 23; b < 1u << 24; ++b) {
         const int twos = __builtin_ctz(b);
         if ((1 << twos) > kMaxC) continue;  // c would have to be a larger multiple of 2^twos

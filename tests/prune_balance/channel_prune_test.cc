@@ -1,9 +1,7 @@
 #include <kest/prune_balance/channel_prune.h>
 
-#include <omp.h>
 #include <tests/test_util.h>
 
-#include <algorithm>
 #include <numeric>
 
 namespace {
@@ -126,42 +124,6 @@ TEST(ChannelPrune, Masks) {
     EXPECT_EQ(0, Remain{}({made.data()}, {6}, {1}, noGroups, outputs));  // no score has a group to go to
     ExpectSameBits({1, 2, 3, 4, 5, 6, -77}, mask);
     EXPECT_EQ(empty, LogOf([&] { EXPECT_EQ(EMPTY_CONTAINER_ERROR, identity(param, none, outputs)); }));
-}
-
-template <typename T>
-void Sweep(int numChannels, int innerJump, int length) {
-    const std::vector<T> data = MixedValues<T>(length, length, 3);
-    std::vector<T> expected(numChannels);
-    for (int i = 0; i < length; ++i) {
-        const double x = data[i];
-        T& sum = expected[i / innerJump % numChannels];
-        sum = static_cast<T>(sum + x * x);
-    }
-    for (T& norm : expected) norm = static_cast<T>(std::sqrt(double{norm}) / (length / numChannels * numChannels));
-    const T max = *std::max_element(expected.begin(), expected.end());
-    const T min = *std::min_element(expected.begin(), expected.end());
-    for (T& norm : expected) norm = max == min ? 0 : (norm - min) / (max - min);
-    for (const int threads : {1, 2, 3}) {
-        SCOPED_TRACE(testing::Message() << numChannels << " channels of " << innerJump << ", length " << length);
-        omp_set_num_threads(threads);
-        ExpectSameBits(expected, Scores(Param({static_cast<unsigned int>(numChannels)}), innerJump, data));
-    }
-}
-
-template <typename T>
-void Sweeps() {
-    for (const int numChannels : {1, 2, 7, 15, 16, 17, 33, 70})
-        for (const int innerJump : {1, 2, 3, 5, 7, 8, 9, 16, 17, 49})
-            for (const int rest : {0, 1, innerJump + 1})
-                Sweep<T>(numChannels, innerJump, 3 * numChannels * innerJump + rest);
-    Sweep<T>(9000, 1, 9000 * 9 + 77);
-    Sweep<T>(9001, 3, 9001 * 3 * 3 + 77);
-    for (const int innerJump : {1, 4, 9, 3000}) Sweep<T>(65, innerJump, 65 * 4500 + 100);
-}
-
-TEST(ChannelPrune, AnyLayoutAndNumberOfThreads) {
-    Sweeps<float>();
-    Sweeps<double>();
 }
 
 }  // namespace
