@@ -1,5 +1,4 @@
-"""The plain entries as a scripting layer calls them: ctypes, structures by value, numpy arrays, a string as the address
-of a character pointer."""
+"""The plain entries as a scripting layer calls them: ctypes, structures by value, strings as addresses of pointers."""
 
 import ctypes
 import os

@@ -50,14 +50,12 @@ TEST(Divider, CorrectlyRoundedNextToEveryMidpoint) {
         const float divisor = static_cast<float>(b);
         const util::Divider<float> quotient(divisor);
         const std::uint32_t inverse = Inverse(b >> twos);
-        for (const int k : {24, 25}) {
-            for (std::int64_t c1 = -(kMaxC >> twos) | 1; c1 * (1 << twos) <= kMaxC; c1 += 2) {  // odd, as M * b1 is
+        for (const int k : {24, 25})
+            for (std::int64_t c1 = -(kMaxC >> twos) | 1; c1 * (1 << twos) <= kMaxC; c1 += 2)  // odd, as M * b1 is
                 ForEachDividend(b, twos, inverse, k, c1, [&](float a) {
                     ++numTried;
                     numWrong += quotient(a) != a / divisor;
                 });
-            }
-        }
     }
     EXPECT_EQ(23259273u, numTried);
     EXPECT_EQ(0u, numWrong);

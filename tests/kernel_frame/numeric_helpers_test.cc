@@ -69,9 +69,8 @@ TEST(NumericHelpers, ShapesAndFactors) {
     const std::string overflow = "[ERROR][GetLengthByDim][] Overflow is detected during calculating dataSize!";
     const auto expect = [&](const std::vector<int>& dims, long length, bool isGood = true) {
         long found = -77;
-        int status = -77;
-        EXPECT_EQ(isGood ? "" : overflow, LogOf([&] { status = util::GetLengthByDim(dims, found); }));
-        EXPECT_EQ(isGood ? STATUS_OK : STATUS_BAD_PARAM, status);
+        const int status = isGood ? STATUS_OK : STATUS_BAD_PARAM;
+        EXPECT_EQ(isGood ? "" : overflow, LogOf([&] { EXPECT_EQ(status, util::GetLengthByDim(dims, found)); }));
         EXPECT_EQ(length, found);
     };
     const int k = 65536;

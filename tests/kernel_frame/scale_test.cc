@@ -8,10 +8,9 @@ namespace {
 template <typename T>
 void ExpectScale(T expected, T scale, const std::string& message = "") {
     SCOPED_TRACE(scale);
-    int status = 0;
+    const int status = message.empty() ? STATUS_OK : STATUS_SCALE_ERROR;
     EXPECT_EQ(message.empty() ? "" : "[ERROR][ProcessScale][] Not support scale " + message + ".\n",
-              LogOf([&] { status = util::ProcessScale(scale); }));
-    EXPECT_EQ(message.empty() ? STATUS_OK : STATUS_SCALE_ERROR, status);
+              LogOf([&] { EXPECT_EQ(status, util::ProcessScale(scale)); }));
     EXPECT_EQ(Bits(expected), Bits(scale));
 }
 

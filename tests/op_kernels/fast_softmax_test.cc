@@ -24,7 +24,8 @@ void SoftmaxRows() {
     ExpectSameBits<T>({-4, 1, 4}, Softmax<T>({1, 2, 3}, Param(3, 3)));  // 1 - 2 + 2 - 2 = -1, 1 - 1 + 1/2 - 1/4 = 1/4
     ExpectSameBits<T>({0, T(0.2), T(0.8), third / 2, 2 * third, third / 2},  // at the cut-off; 1/4, 1, 1/4 by 3/2
                       Softmax<T>({1, 2, 3, 7, 8, 7}, Param(6, 3, -2)));
-    ExpectSameBits<T>({third, third, third, 0.5, 0, 0.5}, Softmax<T>({5, 5, 5, 9, -inf, 9}, Param(6, 3)));
+    ExpectSameBits<T>({third, third, third, 0.5, 0, 0.5}, Softmax<T>({-5, -5, -5, 9, -inf, 9}, Param(6, 3)));
+    ExpectSameBits(std::vector<T>(40000, T{1} / 40000), Softmax(std::vector<T>(40000, 5), Param(40000, 40000)));
     std::vector<T> out = Softmax<T>({1, kNan, 1, 1, inf, 2, -inf, -inf, -inf, 7, 7, 7}, Param(12, 3));
     for (int i = 0; i < 9; ++i) EXPECT_TRUE(std::isnan(out[i])) << i;  // inf - inf; 0 / 0
     EXPECT_EQ(third, out[11]);
@@ -41,16 +42,18 @@ TEST(FastSoftmax, WorkedRows) {
 }
 
 TEST(FastSoftmax, CubeIsTheNearest) {
-    const auto polynomial = [](double max, float b) {
+    const auto polynomial = [](auto max, float b) {
         SoftmaxParam param = Param(1, 1, -kInf, b);
-        std::vector<double> rowMax{max}, out{0};
-        KestTfOp::ApproximateExp<double>(out.data(), rowMax, out.data(), param);
+        std::vector<decltype(max)> rowMax{max}, out{0};
+        KestTfOp::ApproximateExp<decltype(max)>(out.data(), rowMax, out.data(), param);
         return out[0];
     };
     // (1 + 2^-27)^3 = 1 + 3 * 2^-27 + 3/4 ulp + ..., of which the rounded square loses 1/4.
     EXPECT_EQ(-0x1p100 * (1 + 0x3p-27 + 0x1p-52), polynomial(1 + 0x1p-27, 0x1p100f));
-    EXPECT_EQ(-kInf, polynomial(1e120, 0.25f));  // what the rounding of an infinite cube leaves is no number
-    EXPECT_EQ(kInf, polynomial(1e200, -0.25f));  // and here already that of the square
+    EXPECT_EQ(-kInf, polynomial(1e120, 0.25f));            // what the rounding of an infinite cube leaves is no number
+    EXPECT_EQ(kInf, polynomial(1e200, -0.25f));            // and here already that of the square
+    EXPECT_EQ(0x1.6c0394p-1f, polynomial(0.336f, 0.25f));  // 1 + x becomes a float, the cube none
+    EXPECT_EQ(-0x1.6f274ap-28f, polynomial(0x1.8072fp-2f, 0x1.a448a6p+3f));  // the cube times b is not rounded
 }
 
 TEST(FastSoftmax, Steps) {
