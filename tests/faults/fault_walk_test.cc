@@ -32,46 +32,44 @@ struct Arguments {
 enum class Kind { kReplaces, kReads, kCreates, kEditsInPlace };
 
 struct Operation {
-    const char* name;
+    std::string name;
     Promises promises;
     std::function<int(Arguments&)> run;
     Kind kind = Kind::kReplaces;
 };
 
-const float kFloats[] = {0.25f, 2};
-const int kInts[] = {-1, 7};
 const std::string kField = "tensor_balance_factor", kFactor = "    " + kField + ": 1\n";
-const std::string kOld = "record {\n  key: \"conv1\"\n  value {\n" + kFactor + kFactor + kFactor +
-                         "    scale_d: +1.5\n    scale_w: 1\n  }\n}\nprune_record { x }\n" + std::string(300, '\n');
+const std::string kOld = Record("conv1", kFactor + kFactor + kFactor + "    scale_d: +1.5\n    scale_w: 1\n") +
+                         "prune_record { x }\n" + std::string(300, '\n');
 const std::string kNone = "no file";
 
 /// Of the direct writer by path and by descriptor.
 Promises OfWriter(const std::string& writer, const std::string& kernel, const std::string& what) {
-    const auto file = [&](const char* text) { return "-65529 [ERROR][" + writer + "] " + text + " file.\n"; };
-    const std::string inKernel = "-65528 [ERROR][" + kernel + "] Failed to ";
-    const std::string failed = "[ERROR][" + writer + "] Write " + what + " to \"conv1\" failed.\n";
-    const std::string noWrite = inKernel + "write file." + failed;
-    return {{"realpath", {"-65529 [ERROR][" + writer + "] Invalid record file path.\n"}},
-            {"openat", {file("Failed to open"), noWrite}},
-            {"fstat", {file("Failed to stat"), noWrite}},
-            {"read", {file("Failed to read"), noWrite}},
-            {"close", {file("Failed to close"), noWrite}},
-            {"malloc",
-             {"-65528 [ERROR][" + writer + "] Failed to allocate memory.", inKernel + "allocate memory." + failed}},
+    const auto file = [&](const char* text) { return "-65529 [ERROR][" + writer + "] " + text + ".\n"; };
+    const auto kernelFails = [&](const char* to) {
+        return "-65528 [ERROR][" + kernel + "] Failed to " + to + ".[ERROR][" + writer + "] Write " + what +
+               " to \"conv1\" failed.\n";
+    };
+    const std::string noWrite = kernelFails("write file");
+    return {{"realpath", {file("Invalid record file path")}},
+            {"openat", {file("Failed to open file"), noWrite}},
+            {"fstat", {file("Failed to stat file"), noWrite}},
+            {"read", {file("Failed to read file"), noWrite}},
+            {"close", {file("Failed to close file"), noWrite}},
+            {"new", {"-65528 [ERROR][" + writer + "] Failed to allocate memory.", kernelFails("allocate memory")}},
             {"", {noWrite}}};
 }
 Promises OfKernel(const std::string& kernel, const std::string& position) {
     const std::string start = "-65528 [ERROR][" + kernel + "] Failed to ", offset = position.empty() ? "." : " offset.";
     return {{"lseek", {start + position + "read file" + offset, start + position + "write file" + offset}},
             {"read", {start + "read file."}},
-            {"malloc", {start + "allocate memory."}},
+            {"new", {start + "allocate memory."}},
             {"", {start + "write file."}}};
 }
 
 std::vector<Operation> Operations() {
-    using namespace KestTfOp;  // NOLINT: the updates
-    const Promises ofUpdate = {{"realpath", {"5 "}}, {"malloc", {"13 ", "bad_alloc"}}, {"", {"6 "}}};
-    const Promises ofWrite = {{"malloc", {"bad_alloc"}}, {"", {"6 "}}};
+    const Promises ofUpdate = {{"realpath", {"5 "}}, {"new", {"13 ", "bad_alloc"}}, {"", {"6 "}}};
+    const Promises ofWrite = {{"new", {"bad_alloc"}}, {"", {"6 "}}};
     const Promises ofScale = OfWriter("RecordScaleOffsetKernel", "RecordScaleOffsetData", "scale_d and offset_d");
     const Promises ofValues = OfWriter("RecordRepeatData", "RecordRepeatDataKernel", kField);
     static Root root;
@@ -114,15 +112,9 @@ std::vector<Operation> Operations() {
          [=](auto& a) { return util::RecordRepeatDataKernel(a.fd, a.Bytes(), a.content.size(), "conv1", factors); },
          Kind::kEditsInPlace}};
     for (const std::string layer : {"conv1", "a_new_layer_whose_name_no_string_holds_without_an_allocation"}) {
-        const auto update = [&](const char* name, auto call) {
-            all.push_back({name, ofUpdate, [=](auto& a) { return call(layer, a.path); }});
-        };
-        update("data", [](auto&... names) { return WriteDataToRecordFile(kFloats, kInts, names..., "INT8"); });
-        update("weights", [](auto&... names) { return WriteWeightToRecordFile(kFloats, kInts, 2, names...); });
-        update("clusters", [](auto&... names) { return WriteNuqRecordToFile(kFloats, kInts, kInts, 1, 2, names...); });
-        update("shift bits", [](auto&... names) { return WriteShiftNToRecordFile(kInts, 2, names...); });
-        update("balance factors",
-               [](auto&... names) { return WriteTensorBalanceFactorToRecordFile(kFloats, 2, names...); });
+        for (const auto& update : kUpdates)
+            all.push_back({"update " + std::to_string(&update - kUpdates) + " of " + layer, ofUpdate,
+                           [=](auto& a) { return update(layer, a.path); }});
     }
     return all;
 }
@@ -197,11 +189,7 @@ constexpr struct Call {
               {"close", kNever, {EIO, EINTR}},
               {"renameat", 0, {EIO, ENOSPC, EPERM, EBUSY}},
               {"unlinkat", 0, {EIO}},
-              {"malloc", 0, {ENOMEM}}};
-
-long NumOpen() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
+              {"new", 0, {ENOMEM}}};
 
 /// Walks over the calls of operations on a record file behind a symbolic link.
 class Walk {
@@ -242,7 +230,7 @@ private:
         walked = fault;
         const std::string outcome = Perform(operation, link_);
         // Else the next one would wait for ever.
-        if (NumOpen() != numOpen_ || SemaphoreCount() != 1) {
+        if (NumOpenFiles() != numOpen_ || SemaphoreCount() != 1) {
             ADD_FAILURE() << walked.call << " " << walked.before << ": a descriptor is open or the semaphore held";
             std::exit(1);
         }
@@ -258,12 +246,9 @@ private:
         for (const Call& call : kCalls) {
             const bool mayEverFail = !isInPlace || writing.count(call.name) == 0;
             for (const int* error = call.errors; *error != 0; ++error) {
-                if (IsHidden(*error)) {
-                    OverCall(operation, call, {call.name, *error, 3, 0, 0}, usual);
-                } else {
-                    OverCall(operation, call, {call.name, *error, 1, 0, 0}, usual);
-                    if (mayEverFail) OverCall(operation, call, {call.name, *error, kEver, 0, 0}, usual);
-                }
+                OverCall(operation, call, {call.name, *error, IsHidden(*error) ? 3 : 1, 0, 0}, usual);
+                if (mayEverFail && !IsHidden(*error))
+                    OverCall(operation, call, {call.name, *error, kEver, 0, 0}, usual);
             }
         }
     }
@@ -312,14 +297,13 @@ private:
 
     // In memory, if there is such a file system: a disk takes its time for each renaming.
     TempDir directory_{std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path()};
-    const long numOpen_ = NumOpen();
+    const long numOpen_ = NumOpenFiles();
     const std::string file_ = directory_ / "record.txt", link_ = directory_ / "link";
     std::string old_, edited_, success_;
     bool isRoot_ = false;
 };
 
 TEST(Faults, Walk) {
-    ASSERT_TRUE(LiveAllocations != nullptr) << "run it with libkest_faults.so in LD_PRELOAD";
     const util::LogSink sink = util::SetLogSink(Print);
     Walk walk;
     for (const Operation& operation : Operations()) walk.Over(operation);

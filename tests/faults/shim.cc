@@ -13,7 +13,7 @@
 #include <cstring>
 #include <new>
 
-Fault faults[kNumFaults] = {};
+Fault faults[4] = {};
 
 namespace {
 
@@ -35,19 +35,13 @@ bool Fails(const char* call) {
     return Outcome(call) != 0;
 }
 
-template <typename Function>
-Function* Next(const char* name, Function*) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-void* Counted(void* memory) {
-    live += memory != nullptr;
-    return memory;
-}
-
 }  // namespace
 
-#define NEXT(name) static auto* const next = Next(#name, name)
+long LiveAllocations() {
+    return live;
+}
+
+#define NEXT(name) static auto* const next = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name))
 
 #define MAY_FAIL(name, result, failure, parameters, ...)     \
     result name parameters {                                 \
@@ -110,44 +104,13 @@ int openat(int directory, const char* name, int flags, ...) {
     return Fails((flags & O_CREAT) != 0 ? "create" : "openat") ? -1 : next(directory, name, flags, mode);
 }
 
-#ifndef KEST_SANITIZED
-// The allocator of glibc under its other names: dlsym itself allocates.
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* memory, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
-void __libc_free(void* memory);
-
-void* malloc(size_t size) noexcept {
-    return Fails("malloc") ? nullptr : Counted(__libc_malloc(size));
-}
-void* calloc(size_t count, size_t size) noexcept {
-    return Fails("malloc") ? nullptr : Counted(__libc_calloc(count, size));
-}
-void* realloc(void* memory, size_t size) noexcept {
-    if (Fails("malloc")) return nullptr;
-    void* const moved = __libc_realloc(memory, size);
-    return memory == nullptr ? Counted(moved) : moved;
-}
-void* aligned_alloc(size_t alignment, size_t size) noexcept {
-    return Fails("malloc") ? nullptr : Counted(__libc_memalign(alignment, size));
-}
-void free(void* memory) noexcept {
-    live -= memory != nullptr;
-    __libc_free(memory);
-}
-#endif
-
-long LiveAllocations() {
-    return live;
-}
-
 }  // extern "C"
 
-#ifdef KEST_SANITIZED
-// A sanitizer keeps the C allocator for itself.
+// Not inlined: the compiler would take free for the wrong way to delete what new gave.
 __attribute__((noinline)) static void* Allocate(size_t size) {
-    return Fails("malloc") ? nullptr : Counted(std::malloc(size));
+    void* const memory = Fails("new") ? nullptr : std::malloc(size);
+    live += memory != nullptr;
+    return memory;
 }
 __attribute__((noinline)) static void Free(void* memory) {
     live -= memory != nullptr;
@@ -166,7 +129,3 @@ void operator delete(void* memory) noexcept {
 void operator delete(void* memory, size_t) noexcept {
     Free(memory);
 }
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-    Free(memory);
-}
-#endif

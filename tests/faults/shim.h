@@ -2,9 +2,9 @@
 #define KEST_TESTS_FAULTS_SHIM_H_
 
 /// \file
-/// libkest_faults.so, to be preloaded: the system and the allocator, which fail when told to.
+/// The calls of the C library and the operator new of a program and of its libraries, which fail when told to.
 ///
-/// Calls go by the names of the C library, but for "create", an openat that makes a file, and "malloc", any allocation.
+/// Calls go by the names of the C library, but for "create", an openat that makes a file, and "new", any allocation.
 
 /// Not an errno: the call succeeds and moves half of what it is asked to.
 constexpr int kShort = -1;
@@ -17,15 +17,11 @@ struct Fault {
     long fired;        // calls that have failed
 };
 
-/// The faults at work at once. A test walks the first over the calls while the others stay.
-constexpr int kNumFaults = 4;
+/// The faults at work at once, to be changed while no other thread runs. A test walks the first over the calls while
+/// the others stay; fsync succeeds at once meanwhile.
+extern Fault faults[4];
 
-// Weak: null in a program that runs without the library.
-extern "C" {
-/// To be changed while no other thread runs. fsync succeeds at once while the first one is set.
-extern __attribute__((weak)) Fault faults[kNumFaults];
 /// Allocations that have not been freed.
-__attribute__((weak)) long LiveAllocations();
-}
+long LiveAllocations();
 
 #endif  // KEST_TESTS_FAULTS_SHIM_H_

@@ -1,7 +1,6 @@
 #include <tests/record/record_test_util.h>
 
 #include <array>
-#include <locale>
 
 namespace {
 
@@ -56,6 +55,7 @@ TEST(RecordParser, Grammar) {
             {"no text from an earlier record",
              "record { key: b value { dst_type: x } } record { key: a } record { value { offset_d: 2 } }",
              R"(record { key: "b" value { dst_type: "x" } } )" + kA + " record { value { offset_d: 2 } }"},
+            {"any other character", "record { key: '/#\\,\xff }", "record { key: \"'/#\\,\xff\" value { } }"},
             {"NUL is a character", {"record { key: \0 }", 17}, {"record { key: \"\0\" value { } }", 29}},
             {"a scalar in braces", "record { key: a value { offset_d { 7 } } }",
              R"(record { key: "a" value { offset_d: 7 } })"},
