@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <grp.h>
-#include <sys/wait.h>
 #include <tests/record/record_test_util.h>
 
 namespace {
@@ -10,18 +9,6 @@ const std::string kNew = Record("conv1", "    scale_d: 0.5\n    offset_d: -1\n")
 
 int Update(const std::string& file) {
     return kUpdates[1]("conv1", file);
-}
-
-/// The result of `body` in a child process without root's rights.
-int AsOrdinaryUser(const std::function<int()>& body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        const bool isReady = geteuid() != 0 || (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0);
-        _exit(isReady ? body() : 99);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 TEST(RecordFile, Permissions) {
@@ -42,11 +29,14 @@ TEST(RecordFile, Permissions) {
         WriteText(file, kOld);
         chmod(file.c_str(), row.file);
         chmod(directory.Path().c_str(), row.directory);
-        const int status = AsOrdinaryUser([&] { return Update(file); });
+        const pid_t child = Start([&] {  // without root's rights
+            const bool isRoot = geteuid() == 0;
+            ASSERT_TRUE(!isRoot || (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0));
+            EXPECT_EQ(row.status, Update(file));
+        });
+        EXPECT_EQ(0, End(child));
         chmod(directory.Path().c_str(), 0777);
-        chmod(file.c_str(), 0666);
-        EXPECT_EQ(row.status, status);
-        EXPECT_EQ(status == STATUS_OK ? kNew : kOld, ReadText(file));
+        EXPECT_EQ(row.status == STATUS_OK ? kNew : kOld, ReadText(file));
         EXPECT_EQ(1, directory.NumFiles());
     }
 }

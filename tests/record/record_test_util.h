@@ -6,7 +6,9 @@
 #include <kest/record/record_update.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <tests/test_util.h>
+#include <unistd.h>
 
 #include <clocale>
 #include <cstdlib>
@@ -79,6 +81,21 @@ inline int Parse(std::string text, kest_tf::InnerData& root) {
     kest_tf::InnerProto parser("InnerScaleOffsetRecord", 0);
     const int status = parser.Init();
     return status == STATUS_OK ? parser.Parse(text, root) : status;
+}
+
+/// Runs `body` in a process of its own.
+inline pid_t Start(const std::function<void()>& body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    return child;
+}
+inline int End(pid_t child) {
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
 }
 
 /// While it lives, the C++ and, where there is one, the C locale write numbers like 1.234,5.
