@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <new>
 #include <set>

@@ -31,21 +31,19 @@ TEST(Processes, LoseNoChange) {
     for (int i = 0; i < kNumProcesses * kNumThreads; ++i) {
         const std::string layer = "layer" + std::to_string(i);
         old += Record(layer, "    dst_type: \"x\"\n");
-        std::string cluster;
-        for (int round = kRounds; round-- > 0;) cluster += Lines("cluster", round, 1);
-        changed += Record(layer, "    offset_d: " + std::to_string(kRounds) + "\n" +
-                                     Lines("shift_bit", kRounds - 1, 1) + cluster + "    dst_type: \"x\"\n");
+        changed += Record(
+            layer, "    offset_d: 9\n    shift_bit: 9\n" + Lines("cluster", 7, kRounds) + "    dst_type: \"x\"\n");
     }
     WriteText(file, old);
     const auto change = [&](const std::string& layer) {
         for (int round = 0; round < kRounds; ++round) {
             EXPECT_EQ(STATUS_OK, KestTfOp::WriteShiftNToRecordFile(&round, 1, layer, file));
-            EXPECT_EQ(STATUS_OK, util::RecordRepeatData<int>(file, layer, {round}, "cluster"));
+            EXPECT_EQ(STATUS_OK, util::RecordRepeatData<int>(file, layer, {7}, "cluster"));
             Root root;
             const KestTfOp::RecordLock lock(file);
             EXPECT_EQ(STATUS_OK, kest_tf::ParseRecordFile(file, root));
             for (auto* record : root.records)
-                if (record->Dump().find('"' + layer + '"') != std::string::npos) record->Value()->SetOffsetD(round + 1);
+                if (record->Dump().find('"' + layer + '"') != std::string::npos) record->Value()->SetOffsetD(round);
             EXPECT_EQ(STATUS_OK, kest_tf::WriteToRecordFile(root, file));
         }
     };
@@ -66,23 +64,18 @@ TEST(Processes, LoseNoChange) {
     EXPECT_EQ(1, directory.NumFiles());
 }
 
-/// The file after `n` changes: odd ones update a layer, even ones write to the other directly.
+/// The file after `n` changes: odd ones by an update, even ones directly.
 std::string TextAfter(int n) {
-    const int update = n - (n + 1) % 2, write = n - n % 2;
-    const int count = update % 100;
-    return Record("conv1", Lines("scale_w", update, count) + Lines("offset_w", update, count)) +
-           Record("conv2", Lines("tensor_balance_factor", write, 1 + write % 100));
+    return Record("conv1", Lines("tensor_balance_factor", n, 1 + n % 100));
 }
 
 void MakeChange(int n, const std::string& file) {
-    if (n % 2 == 0) {
-        EXPECT_EQ(STATUS_OK, util::RecordRepeatData<int>(file, "conv2", std::vector<int>(1 + n % 100, n),
-                                                         "tensor_balance_factor"));
-    } else {
-        const std::vector<float> scales(n % 100, n);
-        const std::vector<int> offsets(n % 100, n);
-        EXPECT_EQ(STATUS_OK, KestTfOp::WriteWeightToRecordFile(scales.data(), offsets.data(), n % 100, "conv1", file));
-    }
+    const std::vector<int> ints(1 + n % 100, n);
+    const std::vector<float> floats(ints.begin(), ints.end());
+    const int length = static_cast<int>(ints.size());
+    EXPECT_EQ(STATUS_OK, n % 2 == 0
+                             ? util::RecordRepeatData(file, "conv1", ints, "tensor_balance_factor")
+                             : KestTfOp::WriteTensorBalanceFactorToRecordFile(floats.data(), length, "conv1", file));
 }
 
 /// Kills a process that makes one change after the other, and has the next one go on.

@@ -4,7 +4,6 @@
 #include <tests/record/record_test_util.h>
 
 #include <csignal>
-#include <functional>
 
 namespace {
 

@@ -102,18 +102,19 @@ TEST(RecordParser, Malformed) {
 }
 
 TEST(RecordParser, EveryPrefix) {
-    const std::string entries[] = {R"(record { key: "a/b" value { scale_d: 1 dst_type: "INT8" } })",
-                                   R"(prune_record {"}" {}})", "record { value { shift_bit: 3 shift_bit: 4 } }"};
-    const std::string text = entries[0] + entries[1] + entries[2];
-    std::size_t whole = 0, numEntries = 0;  // the entries before the cut, and their length
-    for (std::size_t length = 0; length <= text.size(); ++length) {
-        SCOPED_TRACE(text.substr(0, length));
-        if (numEntries < 3 && length == whole + entries[numEntries].size()) whole += entries[numEntries++].size();
-        Root root;
-        const int status = Parse(text.substr(0, length), root);
-        EXPECT_EQ(length == whole, status == STATUS_OK);
-        EXPECT_TRUE(status == STATUS_OK || status == RECORD_DATA_ERROR || status == RECORD_UNKNOWN_FIELD) << status;
-        EXPECT_EQ(numEntries, root.records.size() + root.pruneRecords.size());
+    std::string before;
+    std::size_t numBefore = 0;
+    for (const std::string entry : {R"(record { key: "a/b" value { scale_d: 1 dst_type: "INT8" } })",
+                                    R"(prune_record {"}" {}})", "record { value { shift_bit: 3 shift_bit: 4 } }"}) {
+        for (std::size_t length = 1; length <= entry.size(); ++length) {
+            Root root;
+            const int status = Parse(before + entry.substr(0, length), root);
+            const bool isWhole = length == entry.size();
+            EXPECT_TRUE(isWhole ? status == STATUS_OK : status == RECORD_DATA_ERROR || status == RECORD_UNKNOWN_FIELD);
+            EXPECT_EQ(numBefore + isWhole, root.records.size() + root.pruneRecords.size()) << before << length;
+        }
+        before += entry;
+        ++numBefore;
     }
 }
 
