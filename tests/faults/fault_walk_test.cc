@@ -1,14 +1,10 @@
-#include <fcntl.h>
 #include <kest/kernel_frame/log_sink.h>
 #include <kest/record/direct_writer.h>
 #include <tests/faults/shim.h>
 #include <tests/record/record_test_util.h>
 
-#include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <map>
-#include <new>
 #include <set>
 #include <utility>
 
@@ -209,7 +205,7 @@ private:
             chmod(file_.c_str(), 0640);
         }
         const int fd = open(link_.c_str(), O_RDWR);
-        const long numLive = LiveAllocations();
+        const long numBefore = numLive;
         int status = 0;
         bool isThrown = false;
         printed[0] = '\0';
@@ -224,7 +220,7 @@ private:
             hasFailed_ = std::exchange(faults[0], {}).fired > 0;
         }
         close(fd);
-        if (LiveAllocations() != numLive || NumOpenFiles() != numOpen_ || SemaphoreCount() != 1) {
+        if (numLive != numBefore || NumOpenFiles() != numOpen_ || SemaphoreCount() != 1) {
             ADD_FAILURE() << operation_->name << ": " << fault.call << " " << fault.before
                           << ": memory leaks, a descriptor is open or the semaphore held";
             std::exit(1);  // the next one would wait for ever
