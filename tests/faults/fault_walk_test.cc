@@ -130,15 +130,8 @@ void Print(const char* line) {
 
 constexpr long kEver = -1;
 
-/// Failures that never show, since the library tries again.
-bool IsHidden(int error) {
-    return error == EINTR || error == EEXIST;
-}
-
-/// Failures that the library has another way around.
-bool IsAvoided(int error) {
-    return error == EACCES || error == EROFS || error == EPERM || error == EBUSY || error == EINVAL;
-}
+// Failures that never show, since the library tries again, and those that it has another way around.
+const std::set<int> kHidden = {EINTR, EEXIST}, kAvoided = {EACCES, EROFS, EPERM, EBUSY, EINVAL};
 
 /// The calls, the first of them that any other failure of fails the operation, and how they fail.
 constexpr int kNever = INT_MAX;
@@ -205,7 +198,7 @@ private:
             chmod(file_.c_str(), 0640);
         }
         const int fd = open(link_.c_str(), O_RDWR);
-        const long numBefore = numLive;
+        const std::size_t bytesBefore = liveBytes;
         int status = 0;
         bool isThrown = false;
         printed[0] = '\0';
@@ -220,7 +213,7 @@ private:
             hasFailed_ = std::exchange(faults[0], {}).fired > 0;
         }
         close(fd);
-        if (numLive != numBefore || NumOpenFiles() != numOpen_ || SemaphoreCount() != 1) {
+        if (liveBytes != bytesBefore || NumOpenFiles() != numOpen_ || SemaphoreCount() != 1) {
             ADD_FAILURE() << operation_->name << ": " << fault.call << " " << fault.before
                           << ": memory leaks, a descriptor is open or the semaphore held";
             std::exit(1);  // the next one would wait for ever
@@ -237,8 +230,9 @@ private:
         for (const Call& call : kCalls) {
             const bool mayEverFail = !isInPlace || writing.count(call.name) == 0;
             for (const int* error = call.errors; *error != 0; ++error) {
-                OverCall(call, {call.name, *error, IsHidden(*error) ? 3 : 1});
-                if (mayEverFail && !IsHidden(*error)) OverCall(call, {call.name, *error, kEver});
+                const bool isHidden = kHidden.count(*error) == 1;
+                OverCall(call, {call.name, *error, isHidden ? 3 : 1});
+                if (mayEverFail && !isHidden) OverCall(call, {call.name, *error, kEver});
             }
         }
     }
@@ -251,12 +245,12 @@ private:
             SCOPED_TRACE(testing::Message()
                          << operation_->name << ": " << call.name << " " << fault.before << " fails with "
                          << fault.error << ", times: " << fault.times << ", all the time: " << faults[1].call);
-            const bool isDone = outcome[0] == '0', isAvoided = IsAvoided(fault.error);
+            const bool isDone = outcome[0] == '0', isAvoided = kAvoided.count(fault.error) == 1;
             const auto promise = operation_->promises.find(call.name), others = operation_->promises.find("");
             EXPECT_TRUE(outcome == (isDone ? success_ : usual_) ||
                         (promise != operation_->promises.end() ? promise : others)->second.count(outcome) == 1)
                 << outcome;
-            if (IsHidden(fault.error) || (isAvoided && usual_[0] == '0' && old_ != kNone)) {
+            if (kHidden.count(fault.error) == 1 || (isAvoided && usual_[0] == '0' && old_ != kNone)) {
                 EXPECT_EQ(usual_, outcome);
             } else if (!isAvoided && fault.before >= call.vital) {
                 EXPECT_FALSE(isDone);

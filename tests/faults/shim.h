@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <semaphore.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -38,8 +39,8 @@ struct Fault {
 /// the others stay.
 Fault faults[4] = {};
 
-/// Allocations that have not been freed.
-std::atomic<long> numLive{0};
+/// Bytes of the heap that are in use, its own included, and the most that were.
+std::atomic<std::size_t> liveBytes{0}, peakBytes{0};
 
 namespace {
 
@@ -118,11 +119,13 @@ int openat(int directory, const char* name, int flags, ...) {
 // Not inlined: the compiler would take free for the wrong way to delete what new gave.
 __attribute__((noinline)) static void* Allocate(size_t size) {
     void* const memory = Fails("new") ? nullptr : std::malloc(size);
-    numLive += memory != nullptr;
+    if (memory == nullptr) return nullptr;
+    liveBytes += malloc_usable_size(memory) + sizeof(size_t);
+    if (liveBytes > peakBytes) peakBytes = liveBytes.load();
     return memory;
 }
 __attribute__((noinline)) static void Free(void* memory) {
-    numLive -= memory != nullptr;
+    if (memory != nullptr) liveBytes -= malloc_usable_size(memory) + sizeof(size_t);
     std::free(memory);
 }
 void* operator new(size_t size) {

@@ -25,10 +25,10 @@ TEST(RecordUpdate, EachOperation) {
               Flat(ReadText(file)));
 
     // On a record that has it all: each replaces what it owns, in the first record of that key.
-    const std::string head = R"(record { key: "x" value { )";
-    const std::string old = head +
-                            "scale_d: 1 offset_d: 2 scale_w: 3 scale_w: 3 offset_w: 4 offset_w: 4 shift_bit: 5 "
-                            "cluster: 6 skip_fusion: true dst_type: \"FP16\" tensor_balance_factor: 8 } } ";
+    const std::string old =
+        "record { key: \"x\" value { "
+        "scale_d: 1 offset_d: 2 scale_w: 3 scale_w: 3 offset_w: 4 offset_w: 4 shift_bit: 5 "
+        "cluster: 6 skip_fusion: true dst_type: \"FP16\" tensor_balance_factor: 8 } } ";
     const std::vector<std::pair<const char*, const char*>> edits[] = {
         {{"scale_d: 1 offset_d: 2", "scale_d: 0.5 offset_d: -1"}},
         {{"scale_d: 1 offset_d: 2", "scale_d: 0.5 offset_d: -1"}},
