@@ -156,6 +156,7 @@ constexpr struct Call {
               {"fchmod", 0, {EIO}},
               {"fsync", 0, {EIO, ENOSPC, EINTR}},
               {"close", kNever, {EIO, EINTR}},
+              {"close written", 0, {EIO, EINTR}},
               {"renameat", 0, {EIO, ENOSPC, EPERM, EBUSY}},
               {"unlinkat", 0, {EIO}},
               {"new", 0, {ENOMEM}}};

@@ -21,7 +21,8 @@
 ///
 /// The calls of the C library and the operator new of a program and of its libraries, which fail when told to.
 ///
-/// Calls go by the names of the C library, but for "create", an openat that makes a file, and "new", any allocation.
+/// Calls go by the names of the C library, but for "create", an openat that makes a file, "close written", which closes
+/// one that is open for writing only, and "new", any allocation.
 /// fsync does nothing else.
 
 /// Not an errno: the call succeeds and moves half of what it is asked to.
@@ -97,8 +98,9 @@ MAY_FAIL(unlinkat, int, -1, (int at, const char* name, int flags) noexcept, at, 
 
 int close(int fd) {
     NEXT(close);
+    const bool isWritten = (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY;
     const int result = next(fd);  // a descriptor is gone even when this fails
-    return Fails("close") ? -1 : result;
+    return Fails(isWritten ? "close written" : "close") ? -1 : result;
 }
 
 int fsync(int) {
