@@ -5,9 +5,11 @@
 #include <kest/activation_calib/ifmr.h>
 #include <kest/kernel_frame/views.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <limits>
@@ -25,9 +27,13 @@ using Device = util::ThreadPoolDevice;
 /// integers and exact or correctly rounded operations, so that every machine draws the same.
 class Case {
 public:
-    explicit Case(std::uint64_t seed) : state_(seed) {
-        k = 1 + Below(Pick({1, 1, 9, 9, 9, 40, 40, OneIn(16) ? 3000 : 300}));
-        Large(0);
+    explicit Case(std::uint64_t seed) : Case(seed, nullptr, nullptr) {}
+    /// For a fuzzer: draws bytes while there are some, and widths without bound; arrays have nothing around them.
+    Case(const std::uint8_t* bytes, std::size_t size) : Case(0, bytes, bytes + size) {}
+    Case(const Case&) = delete;
+    Case& operator=(const Case&) = delete;
+    ~Case() {
+        for (void* array : owned_) std::free(array);
     }
 
     int k;  ///< a number of channels
@@ -50,7 +56,10 @@ public:
     /// x, but at times another small number.
     int Odd(int x) { return OneIn(32) ? Below(5) : x; }
     /// A width, `low` or more.
-    int Bits(int low = 0) { return OneIn(8) ? low + Below(36) : 2 + Below(8); }
+    int Bits(int low = 0) {
+        if (isFuzzed_ && OneIn(8)) return std::max(low, Int());
+        return OneIn(8) ? low + Below(36) : 2 + Below(8);
+    }
     int Int() {
         const int x = static_cast<int>(static_cast<std::uint32_t>(Next())) >> Below(32);
         return OneIn(16) ? Pick({INT32_MIN, INT32_MAX, 0, 1 << 15, -(1 << 15), 1 << 24}) : x;
@@ -69,6 +78,7 @@ public:
     /// `count` elements of 0xA5, with more on either side than a stray vector would hit, from an unaligned address on.
     template <typename T>
     T* Out(int count, bool fill = true) {
+        if (isFuzzed_) return Owned<T>(count > 0 ? count : 0);
         constexpr std::size_t kGuard = 16;
         alignas(64) static unsigned char arena[96 << 20];
         const std::size_t total = 2 * kGuard + static_cast<std::size_t>(count > 0 ? count : 0);
@@ -100,7 +110,7 @@ public:
                 values[i] = static_cast<T>(OneIn(8) ? Int() : Below(8 << shape * 2) - (4 << shape * 2));
             }
         }
-        last_ = values;
+        if (count == n) last_ = values;
         return values;
     }
     /// n values, at times null.
@@ -108,7 +118,7 @@ public:
     T* Data() {
         return OneIn(64) ? nullptr : Values<T>(n);
     }
-    /// The values drawn last, or an array of as many.
+    /// The n values drawn last, or an array of as many.
     template <typename T>
     T* InPlaceOrOut() {
         return Flag() ? static_cast<T*>(last_) : Out<T>(n);
@@ -165,6 +175,11 @@ public:
 
 private:
     static constexpr int kNumSpecial = 23;
+    Case(std::uint64_t seed, const std::uint8_t* bytes, const std::uint8_t* end)
+        : state_(seed), bytes_(bytes), end_(end), isFuzzed_(bytes != end) {
+        k = 1 + Below(Pick({1, 1, 9, 9, 9, 40, 40, OneIn(16) ? 3000 : 300}));
+        Large(0);
+    }
     struct Array {
         const void* first;
         std::size_t count;
@@ -174,7 +189,15 @@ private:
         std::uint64_t z = state_ += 0x9E3779B97F4A7C15;
         z = (z ^ z >> 30) * 0xBF58476D1CE4E5B9;
         z = (z ^ z >> 27) * 0x94D049BB133111EB;
-        return z ^ z >> 31;
+        z ^= z >> 31;
+        return bytes_ == end_ ? z : std::uint64_t{*bytes_++} << 56 | z >> 8;
+    }
+    /// From malloc, so that a sanitizer sees an element too far; at any alignment of T.
+    template <typename T>
+    T* Owned(int count) {
+        const int before = Below(4);
+        owned_.push_back(std::calloc(static_cast<std::size_t>(before + count), sizeof(T)));
+        return static_cast<T*>(owned_.back()) + before;
     }
     template <typename T>
     T Special(int numKinds) {
@@ -213,6 +236,10 @@ private:
     std::size_t used_ = 0;
     void* last_ = nullptr;
     std::vector<Array> arrays_;
+    const std::uint8_t* bytes_;
+    const std::uint8_t* end_;
+    bool isFuzzed_;
+    std::vector<void*> owned_;
 };
 
 /// Calls a kernel; what it returns is a result, and so are the arguments that it can change. Braces evaluate the

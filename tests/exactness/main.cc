@@ -17,11 +17,6 @@
 
 namespace exactness {
 
-std::map<std::string, void (*)(Case&)>& Kernels() {
-    static std::map<std::string, void (*)(Case&)> kernels;
-    return kernels;
-}
-
 namespace {
 
 constexpr int kNumCases = 10000;
