@@ -82,6 +82,7 @@ std::vector<Operation> Operations() {
         return status == STATUS_OK ? (size == 2 ? 0 : 99) : status != RECORD_DATA_ERROR && size != 0 ? 98 : status;
     };
     const util::QuantizeFactor<int> scale{0.5f, -3, {}, "data", 10}, factors{0, 0, {1, 2}, kField, 0};
+    const util::QuantizeFactor<float> noFactors{0, 0, {}, kField, 0};
     const auto repeat = [](const auto& values) {
         return [=](auto& a) {
             return util::RecordRepeatData(std::move(a.path), std::move(a.layer), values, std::move(a.field));
@@ -110,6 +111,9 @@ std::vector<Operation> Operations() {
          Kind::kEditsInPlace},
         {"fewer factors in place", OfKernel("RecordRepeatDataKernel", "reposition "),
          [=](auto& a) { return util::RecordRepeatDataKernel(a.fd, a.Bytes(), a.content.size(), "conv1", factors); },
+         Kind::kEditsInPlace},
+        {"no factors in place", OfKernel("RecordRepeatDataKernel", "reposition "),
+         [=](auto& a) { return util::RecordRepeatDataKernel(a.fd, a.Bytes(), a.content.size(), "conv1", noFactors); },
          Kind::kEditsInPlace}};
     for (const std::string layer : {"conv1", "a_new_layer_whose_name_no_string_holds_without_an_allocation"}) {
         for (const auto& update : kUpdates)
