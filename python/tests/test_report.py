@@ -12,15 +12,10 @@ def test_figures_worked_by_hand():
     reference = np.array([[3, 4, 0], [0, 0, 0], [1, -2, 2]], np.float32)
     result = np.array([[3, 4, 0.5], [0, 0, 0], [-1, 2, -2]], np.float16)
     report = kest.report.compare(reference, result, channel_axis=0, clip_range=(-1, [3, 3, 1]))
-    first, second, third = report.channels
-    assert first.snr_db == pytest.approx(20) and first.largest_error == 0.5 and first.clipped == 1 / 3
-    assert first.cosine == pytest.approx(25 / math.sqrt(25 * 25.25))
-    assert second == kest.report.Errors(math.inf, 1, 0, 0)
-    assert third.snr_db == pytest.approx(10 * math.log10(9 / 36)) and third.cosine == pytest.approx(-1)
-    assert third.largest_error == 4 and third.clipped == 2 / 3
-    assert report.overall.snr_db == pytest.approx(10 * math.log10(34 / 36.25))
-    assert report.overall.cosine == pytest.approx(16 / math.sqrt(34 * 34.25))
-    assert report.overall.largest_error == 4 and report.overall.clipped == pytest.approx(3 / 9)
+    for found, expected in zip((*report.channels, report.overall), (
+            (20, 25 / math.sqrt(25 * 25.25), 0.5, 1 / 3), (math.inf, 1, 0, 0), (10 * math.log10(9 / 36), -1, 4, 2 / 3),
+            (10 * math.log10(34 / 36.25), 16 / math.sqrt(34 * 34.25), 4, 3 / 9)), strict=True):
+        assert dataclasses.astuple(found) == pytest.approx(expected)
     moved = kest.report.compare(reference.T, result.T, channel_axis=-1, clip_range=(-1, [3, 3, 1]))
     assert moved == report
     plain = kest.report.compare(reference, result)
