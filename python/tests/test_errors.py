@@ -3,22 +3,22 @@
 import kest
 import numpy as np
 import pytest
-from kest import ActivationFactors, arq, balance, deployed, dump, fusion, hfmg, ifmr, masks, nuq, prune, shift, softmax
-from kest import ulq
+from kest import ActivationFactors, arq, balance, deployed, dump, fusion, hfmg, ifmr, masks, nuq, prune, record, report
+from kest import shift, softmax, ulq
 
 F32 = np.ones((2, 4), np.float32)
 ROW, PAIR, INT, CODES = F32[0], F32[:, 0].copy(), np.ones(2, np.int32), np.ones((2, 4), np.int8)
-ARQ, BOUNDS = arq.Factors(PAIR, INT), ulq.Bounds(clip_min=-1, clip_max=1)
-WORDS, NAN = np.ones(3, np.uint64), float("nan")
+ARQ, NUQ, ZERO = arq.Factors(PAIR, INT), nuq.Factors(PAIR, INT, INT), ActivationFactors(0, 0)
+WORDS, NAN, BOUNDS = np.ones(3, np.uint64), float("nan"), ulq.Bounds(clip_min=-1, clip_max=1)
 
 
 def fed(scale, channel_axis):
     return shift.Searcher(scale, channel_axis=channel_axis).feed(F32)
 
 
-def ifmr_of(*values):
+def ifmr_of_nan():
     calibrator = ifmr.Calibrator()
-    calibrator.add(np.array(values, np.float32))
+    calibrator.add(F32 * np.float32(NAN))
     return calibrator.factors()
 
 
@@ -53,7 +53,7 @@ def ifmr_of(*values):
     ("rows and columns have", lambda: masks.from_rows_and_columns(F32, F32)),
     ("row_axis and column_axis have", lambda: masks.apply(F32, F32, row_axis=0, column_axis=-2)),
     ("mask has", lambda: masks.apply(F32, F32, row_axis=1, column_axis=0)),
-    (r"scale has .*\(4,\)", lambda: nuq.codes(F32, nuq.Factors(PAIR, INT, INT), channel_axis=-1)),
+    (r"scale has .*\(4,\)", lambda: nuq.codes(F32, NUQ, channel_axis=-1)),
     ("offset has", lambda: nuq.fake_quantise(F32, nuq.Factors(PAIR, INT[:1], INT))),
     ("clusters has", lambda: nuq.fake_quantise(F32, nuq.Factors(PAIR, INT, INT[:0]))),
     ("num_groups has", lambda: prune.prune_count(4, 0.5, num_groups=5)),
@@ -76,6 +76,21 @@ def ifmr_of(*values):
     (r"learned has .*\(4,\)", lambda: ulq.fake_quantise_weights(F32, PAIR)),
     ("learned has", lambda: ulq.weight_factors(F32)),
     (r"Bounds.* positional", lambda: ulq.Bounds(-3, 5)),
+    ("dst_type cannot", lambda: record.update_data("none", "a", 1, 0, dst_type="a b")),
+    ("offset has to be as long", lambda: record.update_weights("none", "a", PAIR, INT[:1])),
+    ("offset has to be as long", lambda: record.update_nuq("none", "a", PAIR[:0], INT, INT)),
+    ("factors has to have one axis", lambda: record.update_balance_factors("none", "a", F32)),
+    ("field has to be one of", lambda: record.insert_values("none", "a", "scale_d", ROW)),
+    ("values has to be int32", lambda: record.insert_values("none", "a", "cluster", ROW)),
+    ("file has to be without a NUL", lambda: record.read("a\0b")),
+    ("result", lambda: report.compare([1, 2], [1])),
+    ("reference", lambda: report.compare([], [])),
+    ("channel_axis", lambda: report.compare([1, 2], [1, 2], channel_axis=1)),
+    ("clip_range", lambda: report.compare([1, 2, 3], [1, 2, 3], channel_axis=0, clip_range=(0, [1, 2]))),
+    ("clip_range", lambda: report.compare([1, 2], [1, 2], clip_range=(1, 0))),
+    ("clip_range", lambda: report.compare([1, 2], [1, 2], clip_range=(0, NAN))),
+    ("reference has to be of real numbers", lambda: report.compare(np.ma.masked_less([1, 2], 2), [1, 2])),
+    ("result has to be of real numbers", lambda: report.compare([1, 2], [1, 2j])),
 ])
 def test_arguments_that_do_not_fit(message, call):
     with pytest.raises((TypeError, ValueError), match=message):
@@ -84,23 +99,21 @@ def test_arguments_that_do_not_fit(message, call):
 
 @pytest.mark.parametrize("error, step, status, said, call", [
     (kest.BadParamError, "arq.calibrate", -65530, "[ERROR][CheckArqParams]", lambda: arq.calibrate(F32, 1)),
-    (kest.ScaleError, "arq.calibrate", -65519, "[ERROR][ProcessScale]", lambda: arq.calibrate(np.array([[1], [np.inf]]))),
+    (kest.ScaleError, "arq.calibrate", -65519, "[ProcessScale]", lambda: arq.calibrate(np.array([[1], [np.inf]]))),
     (kest.ScaleError, "fusion.fuse_weight_scales", 9, "a fused weight scale",
      lambda: fusion.fuse_weight_scales(PAIR, PAIR, 0 * PAIR, epsilon=0)),
     (kest.BadParamError, "hfmg.Calibrator.factors", 15, "no batch yet", hfmg.Calibrator().factors),
     (kest.BadParamError, "hfmg.Calibrator.add", 8, "no values", lambda: hfmg.Calibrator().add(F32[:0])),
     (kest.ScaleError, "hfmg.activation_arq", -65519, "[ERROR]", lambda: hfmg.activation_arq(0, np.inf)),
-    (kest.BadParamError, "ifmr.Calibrator", -65530, "Exist NaN", lambda: ifmr_of(NAN)),
+    (kest.BadParamError, "ifmr.Calibrator", -65530, "Exist NaN", ifmr_of_nan),
     (kest.BadParamError, "ifmr.Calibrator", -65530, "step = 0", lambda: ifmr.Calibrator(step=0)),  # before any batch
-    (kest.ScaleError, "ifmr.fake_quantise", -65519, "scale value",
-     lambda: ifmr.fake_quantise(F32, ActivationFactors(0, 0))),
+    (kest.ScaleError, "ifmr.fake_quantise", -65519, "scale value", lambda: ifmr.fake_quantise(F32, ZERO)),
     (kest.BadParamError, "ifmr.percentile_bounds", -65530, "no data", lambda: ifmr.percentile_bounds(F32[:0])),
     (kest.BadParamError, "masks.n_of_m", 8, "shape is 0", lambda: masks.n_of_m(np.ones((4, 0)), 2, 4, axis=0)),
-    (kest.BadParamError, "masks.from_rows_and_columns", 8, "no values",
-     lambda: masks.from_rows_and_columns(np.ones(3), np.ones(0))),
+    (kest.BadParamError, "masks.from_rows_and_columns", 8, "no", lambda: masks.from_rows_and_columns(ROW, ROW[:0])),
     (kest.BadParamError, "nuq.quantise", -65530, "[ERROR]", lambda: nuq.quantise(np.array([[1, np.inf]]), 2)),
     (kest.ScaleError, "nuq.quantise", -65519, "[ERROR]", lambda: nuq.quantise(np.full((1, 2), 1e10), 2)),
-    (kest.BadParamError, "nuq.codes", -65530, "[ERROR]", lambda: nuq.codes(F32 * np.float32(NAN), nuq.Factors(PAIR, INT, INT))),
+    (kest.BadParamError, "nuq.codes", -65530, "[ERROR]", lambda: nuq.codes(F32 * np.float32(NAN), NUQ)),
     (kest.BadParamError, "nuq.fake_quantise", -65530, "[ERROR]",
      lambda: nuq.fake_quantise(F32[:0], nuq.Factors(PAIR[:0], INT[:0], INT))),
 ])

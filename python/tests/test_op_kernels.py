@@ -62,8 +62,7 @@ def test_half_precision_rounds_toward_zero():
     wide = kest.half.to_float32(halves)
     equal(wide, halves.astype(f32), strict=True)
     equal(kest.half.to_float16(wide), halves, strict=True)
-    values = f32([1 + 2**-11 + 2**-12, -1 - 2**-11 - 2**-12, 2**-14 - 2**-26, -1e-5, 65520, -1e30])
-    equal(kest.half.to_float16(values).view(np.uint16), [0x3C00, 0xBC00, 0, 0x8000, 0x7BFF, 0xFBFF])
+    equal(kest.half.to_float16(f32([1 + 2**-11 + 2**-12, -1e-5, -1e30])), np.float16([1, -0.0, -65504]))
 
 
 @pytest.mark.parametrize("code, dtype, shape", [
@@ -92,16 +91,14 @@ def test_files_that_cannot_be_written(tmp_path, capfd):
         kest.dump.write(tmp_path, "full", 0, values)
 
 
-@pytest.mark.parametrize("header, num_dims, message", [
-    ([0, 2], 2, "at least 12 bytes"), ([0, 2], -1, "num_dims"), ([4, 1], 1, "unknown element type 4"),
-    ([np.nan], 0, "unknown element type"), ([0, -1], 1, "no shape"), ([0, 1.5], 1, "no shape"),
-    ([0, np.inf], 1, "no shape"), ([0, 0, 1e30], 2, "no shape"), ([0, 2, 1], 1, "does not fit"),
-    ([1, 1, 0], 1, "does not fit"),
-])
-def test_files_that_are_no_such_tensor(tmp_path, header, num_dims, message):
+def test_files_that_are_no_such_tensor(tmp_path):
     path = tmp_path / "t.bin"
-    path.write_bytes(np.array(header, np.float32).tobytes())
-    with pytest.raises(ValueError, match=message):
-        kest.dump.read(path, num_dims)
-    with pytest.raises(FileNotFoundError):
-        kest.dump.read(tmp_path / "absent", 1)
+    for header, num_dims, message in (
+        ([0, 2], 2, "at least 12 bytes"), ([0, 2], -1, "num_dims"), ([4, 1], 1, "unknown element type 4"),
+        ([np.nan], 0, "unknown element type"), ([0, -1], 1, "no shape"), ([0, 1.5], 1, "no shape"),
+        ([0, np.inf], 1, "no shape"), ([0, 0, 1e30], 2, "no shape"), ([0, 2, 1], 1, "does not fit"),
+        ([1, 1, 0], 1, "does not fit")):
+        path.write_bytes(f32(header).tobytes())
+        with pytest.raises(ValueError, match=message):
+            kest.dump.read(path, num_dims)
+    pytest.raises(FileNotFoundError, kest.dump.read, tmp_path / "absent", 1)

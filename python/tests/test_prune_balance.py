@@ -39,13 +39,11 @@ def test_n_of_m(dtype):
     values = np.random.default_rng(3).normal(size=(3, 8, 2)).astype(dtype)
     expected = np.ones_like(values)
     for group in [0, 1, 3, 4], [5, 6, 7]:
-        order = np.argsort(-np.abs(values[:, group]), axis=1, kind="stable")
-        expected[:, group] = np.argsort(order, axis=1) < 2
+        expected[:, group] = np.argsort(np.argsort(-np.abs(values[:, group]), axis=1), axis=1) < 2
     found = kest.masks.n_of_m(values, np.int8(2), np.uint8(4), axis=-2, selected=np.arange(8) != 2)
     equal(found, expected, strict=True)
     equal(kest.masks.n_of_m(values, 70, 99, axis=1), np.ones_like(values))
-    found = kest.masks.n_of_m(values, 1, 2**24, axis=2)
-    equal(found, np.abs(values) == np.abs(values).max(2, keepdims=True))
+    equal(kest.masks.n_of_m(values, 1, 2**24, axis=2), np.abs(values) == np.abs(values).max(2, keepdims=True))
 
 
 @floating

@@ -43,21 +43,6 @@ def test_the_text_shows_the_worst_channels_first():
     assert str(kest.report.compare([1.0], [1.0])).endswith("-")
 
 
-@pytest.mark.parametrize("call, name", [
-    (lambda: kest.report.compare([1, 2], [1]), "result"),
-    (lambda: kest.report.compare([], []), "reference"),
-    (lambda: kest.report.compare([1, 2], [1, 2], channel_axis=1), "channel_axis"),
-    (lambda: kest.report.compare([1, 2, 3], [1, 2, 3], channel_axis=0, clip_range=(0, [1, 2])), "clip_range"),
-    (lambda: kest.report.compare([1, 2], [1, 2], clip_range=(1, 0)), "clip_range"),
-    (lambda: kest.report.compare([1, 2], [1, 2], clip_range=(0, math.nan)), "clip_range"),
-    (lambda: kest.report.compare(np.ma.masked_less([1, 2], 2), [1, 2]), "reference has to be of real numbers"),
-    (lambda: kest.report.compare([1, 2], [1, 2j]), "result has to be of real numbers"),
-])
-def test_arguments_are_checked(call, name):
-    with pytest.raises((ValueError, TypeError), match=name):
-        call()
-
-
 def test_the_plot_shows_the_counts_and_the_clip_range(tmp_path):
     pytest.importorskip("matplotlib")  # an optional extra of the package
     from kest import plot

@@ -38,11 +38,9 @@ def test_n_of_m_mask(dtype):
     select[2] = 0.5
     expected = np.ones_like(w)
     for group in [0, 1, 3, 4], [5, 6, 7]:
-        rank = np.argsort(np.argsort(-np.abs(w[:, group]), axis=1, kind="stable"), axis=1)
-        expected[:, group] = rank < 2
+        expected[:, group] = np.argsort(np.argsort(-np.abs(w[:, group]), axis=1), axis=1) < 2
     equal(both_ways(lambda w, s: kest.n_of_m_mask(w, select=s), w, select), expected)
-    mask = both_ways(lambda w: kest.n_of_m_mask(w, keep=1, group_size=100, axis=2), w)
-    equal(mask, np.abs(w) == np.abs(w).max(2, keepdims=True))
+    equal(kest.n_of_m_mask(w, keep=1, group_size=100, axis=2), np.abs(w) == np.abs(w).max(2, keepdims=True))
     assert kest.n_of_m_mask(w[:0]).shape == (0, 8, 2)
 
 
@@ -50,11 +48,10 @@ def test_n_of_m_mask(dtype):
 @pytest.mark.parametrize("sizes, counts", [([6], [2]), ([2, 4], [1, 3])])
 def test_channel_prune_mask(dtype, sizes, counts):
     strength = np.array([3, 1, 2, 6, 5, 4], dtype)  # of all tensors' channels
-    tensors = [strength * np.ones((2, 3, 6), dtype), -strength, strength[:, np.newaxis] * np.ones((6, 5), dtype)]
+    tensors = [strength[:, np.newaxis] * np.ones(shape, dtype) for shape in [(2, 6, 3), (6, 1), (6, 5)]]
     groups = np.split(strength, np.cumsum(sizes)[:-1])
     expected = np.concatenate([group > np.sort(group)[count - 1] for group, count in zip(groups, counts)])
-    got = both_ways(lambda *t: kest.channel_prune_mask(t, [-1, 0, 0], sizes, counts), *tensors)
-    equal(got, expected.astype(dtype), strict=True)
+    equal(both_ways(lambda *t: kest.channel_prune_mask(t, [-2, 0, 0], sizes, counts), *tensors), expected.astype(dtype))
 
 
 @pytest.mark.parametrize("code, dtype", enumerate([np.float32, np.float64, np.int32, np.float16]))
