@@ -47,7 +47,7 @@ def test_n_of_m_mask(dtype):
 @floating
 @pytest.mark.parametrize("sizes, counts", [([6], [2]), ([2, 4], [1, 3])])
 def test_channel_prune_mask(dtype, sizes, counts):
-    strength = np.array([3, 1, 2, 6, 5, 4], dtype)  # of all tensors' channels
+    strength = np.array([1, 5, 6, 2, 4, 3], dtype)  # of all tensors' channels
     tensors = [strength[:, np.newaxis] * np.ones(shape, dtype) for shape in [(2, 6, 3), (6, 1), (6, 5)]]
     groups = np.split(strength, np.cumsum(sizes)[:-1])
     expected = np.concatenate([group > np.sort(group)[count - 1] for group, count in zip(groups, counts)])
