@@ -43,6 +43,25 @@ build() {
   cmake --build --preset "$preset"
 }
 
+# install_kest <virtual environment>: installs the Python package; what builds it is there.
+install_kest() {
+  say "building and installing the package"
+  "$1/bin/pip" install -q --disable-pip-version-check --no-build-isolation --no-deps --force-reinstall ./python
+}
+
+# build_operators <suffix of directories and requirements>: build/venv-tensorflow gets a TensorFlow and the Python
+# package, build/tensorflow the operators for them.
+build_operators() {
+  local venv=build/venv-tensorflow$1 build=build/tensorflow$1
+  install_packages "${compiler_packages[@]}" python3 python3-venv python3-dev
+  make_venv "$venv" "integrations/tensorflow/requirements$1.txt"
+  install_kest "$venv"
+  say "building the operators, $(grep tensorflow "$venv/requirements.txt")"
+  cmake -S integrations/tensorflow -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DPython3_EXECUTABLE="$root/$venv/bin/python" > "$build.log" 2>&1 || { cat "$build.log"; fail "cmake failed"; }
+  cmake --build "$build" --target kest_ops
+}
+
 compiler_packages=(g++ cmake ninja-build)
 test_packages=(libgtest-dev pkg-config binutils python3 python3-venv)
 mkdir -p build

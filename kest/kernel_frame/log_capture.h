@@ -20,8 +20,7 @@ namespace util {
 class __attribute__((visibility("hidden"))) LogCapture {
 public:
     LogCapture() : outer_(current) {
-        static const bool hooked = Hook();
-        static_cast<void>(hooked);
+        Next();
         current = this;
     }
     LogCapture(const LogCapture&) = delete;
@@ -31,15 +30,16 @@ public:
     std::string lines;  ///< the lines of this capture so far, each as it would have been printed
 
 private:
-    static bool Hook() {
-        next = SetLogSink(Take);
-        return true;
+    /// Hangs the hook at the first call. What is behind it; a line that another thread prints meanwhile waits to know.
+    static LogSink Next() {
+        static const LogSink next = SetLogSink(Take);
+        return next;
     }
 
     static void Take(const char* line) {
         if (current != nullptr) {
             current->lines += line;
-        } else if (next != nullptr) {
+        } else if (const LogSink next = Next()) {
             next(line);
         } else {
             std::fputs(line, stdout);
@@ -47,7 +47,6 @@ private:
     }
 
     inline static thread_local LogCapture* current = nullptr;
-    inline static LogSink next = nullptr;
     LogCapture* outer_;
 };
 

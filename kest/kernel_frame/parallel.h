@@ -24,10 +24,11 @@ inline Block BlockOfThread(int n, int numThreads, int thread) {
 }
 
 /// Runs body(block) on each thread of the default team, one contiguous block of [0, n) a thread. `body` must not
-/// throw and writes only what belongs to its own iterations. One thread, without a region, unless `worthwhile`.
+/// throw and writes only what belongs to its own iterations. One thread, without a region, unless `worthwhile` and the
+/// team has more: the runtime takes memory for a region, and ends the process if there is none.
 template <typename Body>
 void ParallelFor(int n, bool worthwhile, Body body) {
-    if (!worthwhile) {
+    if (!worthwhile || omp_get_max_threads() == 1) {
         if (n > 0) body(Block{0, n});
         return;
     }

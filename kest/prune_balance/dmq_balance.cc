@@ -3,6 +3,7 @@
 #include <kest/kernel_frame/extremes.h>
 #include <kest/kernel_frame/log.h>
 #include <kest/kernel_frame/numeric_helpers.h>
+#include <kest/kernel_frame/rounding.h>
 
 #include <algorithm>
 #include <cfloat>
@@ -26,6 +27,51 @@ int FindMaxValue(const util::FloatData& values, unsigned int channel, unsigned i
         return STATUS_BAD_PARAM;
     }
     return STATUS_OK;
+}
+
+// std::pow is not the same everywhere: its last place depends on the C library, and in glibc on whether the processor
+// fuses. These are steps that all machines round alike, exact to a few units of the last place of a double; what the
+// series leave out is below 2^-57 of their sum.
+constexpr double kReciprocals[] = {0,        1.0,      1.0 / 2,  1.0 / 3,  1.0 / 4,  1.0 / 5,  1.0 / 6,  1.0 / 7,
+                                   1.0 / 8,  1.0 / 9,  1.0 / 10, 1.0 / 11, 1.0 / 12, 1.0 / 13, 1.0 / 14, 1.0 / 15,
+                                   1.0 / 16, 1.0 / 17, 1.0 / 18, 1.0 / 19, 1.0 / 20, 1.0 / 21};
+
+/// log2 of a positive x less `exponent`: from -1/2 to 1/2.
+double SplitLog2(double x, int& exponent) {
+    constexpr double kOverLn2 = 1.4426950408889634;
+    double fraction = std::frexp(x, &exponent);
+    if (fraction < 0.7071067811865476) {
+        fraction *= 2;
+        --exponent;
+    }
+    // ln x = 2 artanh t = 2 (t + t^3 / 3 + t^5 / 5 + ...)
+    const double t = (fraction - 1) / (fraction + 1);
+    const double square = t * t;
+    double sum = 0;
+    for (int k = 21; k > 0; k -= 2) sum = sum * square + kReciprocals[k];
+    return 2 * t * sum * kOverLn2;
+}
+
+/// 2 to the power of x, from -1/2 to 1/2.
+double Exp2(double x) {
+    constexpr double kLn2 = 0.6931471805599453;
+    double sum = 1;  // 1 + x ln 2 / 1 * (1 + x ln 2 / 2 * (...))
+    for (int k = 14; k > 0; --k) sum = 1 + sum * (x * kLn2 * kReciprocals[k]);
+    return sum;
+}
+
+/// actMax^strength / wtsMax^rest.
+float FactorOf(float actMax, float wtsMax, float strength, float rest) {
+    int actExponent;
+    int wtsExponent;
+    const double actLog = SplitLog2(double{actMax}, actExponent);
+    const double wtsLog = SplitLog2(double{wtsMax}, wtsExponent);
+    // The products with the exponents and their difference are exact, and so is what is left behind the whole
+    // power.
+    const double inExponents = double{strength} * actExponent - double{rest} * wtsExponent;
+    const double inFractions = double{strength} * actLog - double{rest} * wtsLog;
+    const double power = util::RoundHalfAway(inExponents + inFractions);
+    return static_cast<float>(std::ldexp(Exp2(inExponents - power + inFractions), util::SaturateTo<int>(power)));
 }
 
 }  // namespace
@@ -91,8 +137,7 @@ int DMQBalance(const util::FloatData& act, const util::FloatData& wts, float mig
             balanceFactor[c] = 0;
             anyZero = true;
         } else {
-            const double actShare = std::pow(double{actMax[c]}, double{migrationStrength});
-            balanceFactor[c] = static_cast<float>(actShare / std::pow(double{wtsMax[c]}, double{rest}));
+            balanceFactor[c] = FactorOf(actMax[c], wtsMax[c], migrationStrength, rest);
         }
     }
     if (anyZero) ProcessZeroChannel(actMax, wtsMax, balanceFactor);

@@ -95,9 +95,9 @@ void AppendTail(const Edit& edit, std::string_view tail, std::string& text) {
         const std::size_t colon = orEnd(tail.find(':', nameEnd));
         const std::size_t end = orEnd(tail.find_first_of(kBlanks, tail.find_first_not_of(kBlanks, colon + 1)));
         if (tail.substr(at, nameEnd - at) == kBalanceFactor) {
-            const std::size_t line = tail.rfind('\n', at) + 1;  // npos + 1 is 0
-            const bool isAlone =
-                orEnd(tail.find_first_not_of(' ', line)) == at && end < tail.size() && tail[end] == '\n';
+            std::size_t line = at;
+            while (line > 0 && tail[line - 1] == ' ') --line;
+            const bool isAlone = (line == 0 || tail[line - 1] == '\n') && end < tail.size() && tail[end] == '\n';
             text.append(tail, copied, (isAlone ? line : at) - copied);
             copied = isAlone ? end + 1 : end;
         }

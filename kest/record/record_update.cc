@@ -4,8 +4,10 @@
 #include <kest/record/record_lock.h>
 #include <kest/record/record_update.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <string_view>
 #include <utility>
 
 namespace KestTfOp {
@@ -19,6 +21,35 @@ kest_tf::RecordData* FindRecord(const kest_tf::InnerData& root, const std::strin
         if (key != nullptr && key->HasValue() && key->scalar == layerName) return record;
     }
     return nullptr;
+}
+
+/// Whether the braces of a block still match with `text` in it: outside double quotes, those in `text` do.
+bool IsBalanced(std::string_view text) {
+    bool isQuoted = false;
+    long depth = 0;
+    for (const char c : text) {
+        if (c == '"') isQuoted = !isQuoted;
+        if (isQuoted || (c != '{' && c != '}')) continue;
+        depth += c == '{' ? 1 : -1;
+        if (depth < 0) return false;
+    }
+    return !isQuoted && depth == 0;
+}
+
+/// Whether the parser would find all entries again: not with every text that a caller or an odd file brings along.
+bool ReadsBack(const kest_tf::InnerData& root) {
+    const auto isOneToken = [](const kest_tf::StringData* text) {
+        return text == nullptr ||
+               (text->scalar.find_first_of(" \t\n\r") == std::string::npos && IsBalanced('"' + text->scalar + '"'));
+    };
+    for (const kest_tf::RecordData* record : root.records) {
+        if (!isOneToken(kest_tf::FindChild<kest_tf::StringData>(*record, "key")) ||
+            !isOneToken(kest_tf::FindChild<kest_tf::StringData>(*record->Value(), "dst_type"))) {
+            return false;
+        }
+    }
+    return std::all_of(root.pruneRecords.begin(), root.pruneRecords.end(),
+                       [](const kest_tf::RecordDataPrune* prune) { return IsBalanced(prune->content); });
 }
 
 /// The sequence of all updates. `change` is called with the layer's value block and whether its record is new.
@@ -37,7 +68,7 @@ int UpdateRecord(const std::string& layerName, const std::string& recordFile, Ch
         record->SetKey(layerName);
     }
     change(*record->Value(), isNew);  // records of the parser and of AddRecord have one
-    return kest_tf::WriteToRecordFile(root, recordFile);
+    return ReadsBack(root) ? kest_tf::WriteToRecordFile(root, recordFile) : RECORD_DATA_ERROR;
 }
 
 /// Replaces the items of the list `name`, of class List.

@@ -83,7 +83,10 @@ TYPED_TEST_SUITE(Hfmg, BoundTypes, );
 
 TYPED_TEST(Hfmg, BatchesMerge) {
     using F = TestFixture;
-    typename F::Bins a, b, c, old = F::Histogram(0, 3, {0, 16777219}), wider = F::Histogram(0, 6, {0, 0});
+    const TypeParam epsilon = FLT_EPSILON, third = static_cast<TypeParam>(1 / 3.0 - 1e-12);
+    typename F::Bins thirds = F::Histogram(0, 1, {3, 0, 0, 0}), narrower = F::Histogram(0, third, {0, 0, 0, 0});
+    typename F::Bins a, b, c, d, e, f, g, h, old = F::Histogram(0, 3, {0, 16777219}),
+                                             wider = F::Histogram(0, 6, {0, 0});
     EXPECT_EQ((Counts{1, 1, 4}), F::Merge(3, a, {0, 3, 4, 5, 6, 6}));  // the maximum is in the last bin
     EXPECT_EQ((Counts{2, 1, 5}), F::Merge(3, a, {0, 5}));              // the same range
     EXPECT_EQ((Counts{2, 6, 1}), F::Merge(3, a, {9}));  // floor((3 - 2) / 2 * 1) of [2, 4] stay, [4, 6] touches [6, 9]
@@ -92,6 +95,17 @@ TYPED_TEST(Hfmg, BatchesMerge) {
     EXPECT_EQ((Counts{2, 1}), F::Merge(2, c, {kNan, 1, 3}));
     EXPECT_EQ((Counts{4, 1}), F::Merge(2, c, {kNan, kNan}));  // the same range
     EXPECT_EQ((Counts{7, 0}), F::Merge(2, c, {kInf, 4}));
+    EXPECT_EQ((Counts{1, 0, 2}), F::Merge(3, d, {-4, -2, -1}));   // no zero inside
+    EXPECT_EQ((Counts{1, 1}), F::Merge(2, f, {0, 2 * epsilon}));  // just wide enough
+    EXPECT_EQ((Counts{0, 2}), F::Merge(2, g, {7, 7}));
+    EXPECT_EQ((Counts{1, 2}), F::Merge(2, h, {0, 2 * epsilon, 2 * epsilon}));
+    EXPECT_EQ((Counts{2, 2}), F::Merge(2, h, {3 * epsilon}));  // just another range: one of two goes to the first bin
+    KestCommon::HfmgMergeInter<TypeParam>(thirds, narrower, false, 0, third);
+    EXPECT_EQ((Counts{1, 0, 0, 2}), F::CountsOf(narrower));  // three times a third, as a float, is 1
+    std::vector<TypeParam> many(64, 1);  // enough for vectors: the NaN is passed over, the minimum before it stays
+    many[0] = -2;
+    many[32] = kNan;
+    EXPECT_EQ((Counts{2, 62}), F::Merge(2, e, many));
     KestCommon::HfmgMergeInter<TypeParam>(old, wider, false, 0, 6);
     EXPECT_EQ((Counts{16777219, 0}), F::CountsOf(wider));  // 2^24 + 4 as a float, but no part exceeds its count
     const Hfmg<float>::Bins fused = Hfmg<float>::Histogram(-0.3f, 0.1f, {0, 0, 0, 0});
@@ -141,6 +155,9 @@ TYPED_TEST(Hfmg, TheChoiceOfARange) {
     EXPECT_EQ(0.75f + 3 * 0x1p-24f, F::Loss(-4.5f, F::Histogram(0, 21, {7}), 7, 0, 0));  // fused, of 5 * float(1 / 3)
     EXPECT_EQ(0, F::Loss(5, F::Histogram(0, 0x1p-24f, {1, 1}), 2, 0, 1));                // set, not added
     EXPECT_EQ(Factors(4.0f / 255, -64), F::OfRange(-1, 3, 8, true));
+    EXPECT_EQ(static_cast<float>(static_cast<double>(T{16777216} + T{3}) / 255),
+              F::OfRange(-3, 16777216, 8, true).first);
+    EXPECT_EQ(Factors(4096, 0), F::OfRange(0, 0x1p-40f, 1, false));  // no level: 2^-40 / 2^-52
     EXPECT_EQ(Factors(1, INT32_MIN), F::OfRange(1e20f, 1e20f, 8, true));
     EXPECT_EQ(Factors(1, -100663292), F::OfRange(-33554436, 234881024, 28, true));  // a float sum ends in 296
     EXPECT_NE("", LogOf([] { EXPECT_EQ(kNone, F::Arq(0, 3e9f, true, STATUS_SCALE_ERROR)); }));
@@ -154,7 +171,9 @@ TYPED_TEST(Hfmg, TheChoiceOfARange) {
     EXPECT_EQ(Factors(2, -1), F::Best(F::Histogram(-1, 3, {1, 1}), 2, true));  // no candidate: all; -1 / 2 rounds to -1
     for (unsigned int numBins = 3, numBits = 1; numBins < 300; numBins += 7, numBits = numBins % 9 + 1) {
         typename F::Bins bins;
-        F::Merge(static_cast<int>(numBins), bins, MixedValues<T>(999, numBins));
+        std::vector<T> x = MixedValues<T>(999, numBins);
+        for (T& value : x) value *= numBins % 2 ? value * value : 1;  // outliers on both sides
+        F::Merge(static_cast<int>(numBins), bins, x);
         const T lower = bins[0].lowerBound, width = (bins.back().upperBound - lower) / static_cast<T>(numBins);
         std::pair<float, Factors> best{kInf, kNone};
         for (const auto& [first, last] : F::Candidates(bins)) {  // one by one; the choice may take them together

@@ -75,6 +75,9 @@ TEST(Ifmr, WorkedCalibrations) {
         // 2 bits, levels 3. Ratio 1/2: scale 1, codes 0 1 2 3 3, error (6 - 3)^2; ratio 1: scale 2, error 1 + 0 + 1.
         {"the smaller error wins", {0, 2, true, 0.5f, 1, 0.5f, 1, 1}, {0, 1, 2, 3, 6}, 2, -2},
         // One level. Ratio 1/2: scale 2, error (4 - 2)^2; ratio 3/2: scale 6, error (6 - 4)^2.
+        // Ratio -1/4 has the scale -1/4: it would leave the same error, all of it, with scale 1, and come first.
+        {"a negative scale is no candidate", {0, 1, true, -0.25f, 3, 3.25f, 1, 1}, {1, 1}, 3, -1},
+        {"31 bits, the most", {0, 31, false, 1, 1, 1, 1, 1}, {-0x1p30f, 5}, 1, 0},
         {"the earlier ratio wins a tie", {0, 2, false, 0.5f, 1.5f, 1, 1, 1}, {4}, 2, 0},
     };
     for (const auto& row : rows) {
@@ -85,6 +88,14 @@ TEST(Ifmr, WorkedCalibrations) {
         std::vector<double> wide(data.begin(), data.end());
         ExpectFactors(row.scale, row.offset, Calibrate(wide, row.param));
     }
+}
+
+TEST(Ifmr, TheRangeOfARatioIsFusedForFloatsAndAFloatProductForDoubles) {
+    std::vector<float> data{-0.3f, 0.3f};
+    std::vector<double> wide{data[0], data[1]};
+    const IfmrParam param{0, 8, true, 0.9f, 0.9f, 1, 1, 1};
+    EXPECT_EQ(0x1.24fc06p-9f, Calibrate(data, param).scale);  // (0.3 * 0.9 + 0.3) / 255
+    EXPECT_EQ(0x1.24fc08p-9f, Calibrate(wide, param).scale);
 }
 
 TEST(Ifmr, Inference) {
@@ -120,7 +131,8 @@ TEST(Ifmr, Percentiles) {
         {0.999f, 0.999f, 699, -300},
         {0.99f, 0.99f, 690, -291},
         {0.5f, 0.5f, 200, 0},
-        {0.01f, 1, 0, -300},  // the 990th largest is negative
+        {0.301f, 1, 1, -300},  // the 699th is the last above 0
+        {0.01f, 1, 0, -300},   // the 990th largest is negative
         {0, 0, 0, 0},
         {-3, kNan, 0, 0},
         {1, 0, 699, 0},

@@ -45,4 +45,24 @@ TEST(LogSink, CapturesTakeTheLinesOfTheirThread) {
     EXPECT_EQ(one + one, outer.lines);
 }
 
+TEST(LogSink, FirstCaptureWhileOthersPrint) {
+    float scale = kInf;
+    const std::string line = "[ERROR][ProcessScale][] Not support scale is +inf.\n";
+    const std::string printed = LogOf([&] {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 8; ++t)
+            threads.emplace_back([=]() mutable {
+                if (t % 2 == 0) {
+                    util::ProcessScale(scale);
+                } else {
+                    const util::LogCapture capture;
+                    util::ProcessScale(scale);
+                    EXPECT_EQ(line.size(), capture.lines.size() - 2);  // the line number
+                }
+            });
+        for (std::thread& thread : threads) thread.join();
+    });
+    EXPECT_EQ(line + line + line + line, printed);
+}
+
 }  // namespace

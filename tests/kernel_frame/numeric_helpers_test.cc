@@ -99,6 +99,7 @@ TEST(NumericHelpers, ShapesAndFactors) {
                         {{2, -3}, 2, STATUS_BAD_PARAM},
                         {{k, k, k, k}, 1L << 48, STATUS_BAD_PARAM},
                         {{k, k, k, k / 2 - 1}, (1L << 48) * (k / 2 - 1), STATUS_OK},
+                        {{153092023, 92737, 649657}, std::numeric_limits<long>::max(), STATUS_OK},  // just that
                         {{INT_MAX, INT_MAX, 2}, 2 * long{INT_MAX} * INT_MAX, STATUS_OK}};
     for (const Row& row : rows) {
         long length = -77;

@@ -111,10 +111,23 @@ TEST(DeployedOps, ChannelRule) {
     ExpectSameBits(ofTensor, WeightQuantise(weight, offset, {4, 1 << 30}));
 }
 
+TEST(DeployedOps, ProductsWithZero) {
+    const Floats out =
+        Apply(AntiQuantInputParam<float>{0, nullptr, 0}, {-1, kInf}, OrvaneAntiQuantFunctor<Device, float>());
+    EXPECT_TRUE(Bits(out[0]) == Bits(-0.0f) && std::isnan(out[1]));
+}
+
 TEST(DeployedOps, EveryLayoutLengthAndNumberOfThreads) {
-    const Layout layouts[] = {
-        {1, 1, false}, {17, 1, true, false}, {1025, 1, true, false}, {5, 3}, {7, 15}, {33, 16}, {5000, 9},
-        {64, 1025},    {2, 140009}};
+    const Layout layouts[] = {{1, 1, false},
+                              {17, 1, true, false},
+                              {1025, 1, true, false},
+                              {5, 3},
+                              {7, 15},
+                              {33, 16},
+                              {5000, 9},
+                              {64, 1025},
+                              {2, 140009},
+                              {7, 95}};  // a thread may start at the last element of a run
     const int maxThreads = omp_get_max_threads();
     for (const int n : {0, 1, 15, 17, 33, 1000, 131072, 300007}) {
         const Floats x = MixedValues<float>(static_cast<std::size_t>(n), 1, 3e4f);

@@ -76,6 +76,10 @@ TEST(ChannelPrune, SortsByScoreThenIndex) {
     std::vector<int> groups = GroupOfChannel(param);
     std::vector<double> scores{9, -9, 0.5, 0.1, double{kNan}, 0.1, 0.0, -0.0, -9};
     ExpectSameBits({4, 5, 1, 3, 0, 2}, KestCommon::SortNorms<double>(2, param, groups, scores));
+    groups = {0, 0, 0};
+    scores = {double{kNan}, 2, 1};
+    param = Param({3});
+    ExpectSameBits({2, 1, 0}, KestCommon::SortNorms<double>(0, param, groups, scores));
 }
 
 using Floats = std::vector<float>;

@@ -25,11 +25,17 @@ TEST(DMQBalance, WorkedRows) {
     ExpectSameBits({0, 32}, Balance({256}, {16}, 0.75f, 1));                                            // 64 / 2
     ExpectSameBits({0, 1, 1}, Balance({0, tiny}, {5, 7}, 0.5f, 2));
     ExpectSameBits({0, 1, 1}, Balance({5, 7}, {0, tiny}, 0.5f, 2));
-    ExpectSameBits({0, 2, 1}, Balance({4, 0}, {1, 2}, 0.5f, 2));               // 2 * 1 / 2
-    ExpectSameBits({0, 2, 4.5f}, Balance({4, 9}, {1, 0}, 0.5f, 2));            // 9 / (4 / 2)
-    ExpectSameBits({0, 2, 1}, Balance({4, 0}, {1, tiny}, 0.5f, 2));            // zero on both sides
-    ExpectSameBits({0, 1, 1}, Balance({4, 0}, {0, 4}, 0.5f, 2));               // no channel is healthy
-    ExpectSameBits({0, 2, 4, 0.5f}, Balance({4, 16, 0}, {1, 1, 8}, 0.5f, 3));  // the largest of 2 and 4, by 8
+    ExpectSameBits({0, 2, 1}, Balance({4, 0}, {1, 2}, 0.5f, 2));                    // 2 * 1 / 2
+    ExpectSameBits({0, 2, 4.5f}, Balance({4, 9}, {1, 0}, 0.5f, 2));                 // 9 / (4 / 2)
+    ExpectSameBits({0, 2, 1}, Balance({4, 0}, {1, tiny}, 0.5f, 2));                 // zero on both sides
+    ExpectSameBits({0, 1, 1}, Balance({4, 0}, {0, 4}, 0.5f, 2));                    // no channel is healthy
+    ExpectSameBits({0, 2, 4, 0.5f}, Balance({4, 16, 0}, {1, 1, 8}, 0.5f, 3));       // the largest of 2 and 4, by 8
+    ExpectSameBits({0, 0.5f}, Balance({FLT_EPSILON}, {4 * FLT_EPSILON}, 0.5f, 1));  // not zero yet
+    ExpectSameBits({0, 0x1.fffffep63f}, Balance({FLT_MAX}, {1}, 0.5f, 1));          // finite: 2^64 * sqrt(1 - 2^-24)
+    ExpectSameBits({0, 0x1.ffffcep-80f}, Balance({1}, {0x1p100f}, 0.21f, 1));  // 1 - 0.21f is rounded to float, too
+    ExpectSameBits({0, 0.81649661f}, Balance({2}, {3}, 0.5f, 1));              // not the product of two roots in floats
+    ExpectSameBits({0, 8, 2}, Balance({16, 0}, {1, 4}, 0.75f, 2));             // 8 * 1 / 4; the ratio is 16 / 8
+    ExpectSameBits({0, 27, 10 / 3.0f}, Balance({81, 10}, {1, 0}, 0.75f, 2));   // 10 / (81 / 27), no reciprocal
 }
 
 TEST(DMQBalance, ZeroChannelsKeepWhatIsTooSmallToBeHealthy) {

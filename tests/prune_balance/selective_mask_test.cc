@@ -48,6 +48,7 @@ template <typename T>
 void MaskRows() {
     const T x = -77, below = std::nextafter(T{1}, T{0});
     ExpectSameBits<T>({0, 0, 1, 1, 0, 1, -5, 3, 2}, Mask<T>({1, 4, 2, {1, 4}}, {1, -5, 3, 2}, {1, 1, 1, 1}, 4));
+    ExpectSameBits<T>({0, 0, 1, T(kInf), T(kNan)}, Mask<T>({0, 2, 1, {2}}, {T(kInf), T(kNan)}, {1, 1}, 2));
     // Two blocks of two groups, the last slot a filler; 5 and 50 compete with it, and -0 wins against it.
     ExpectSameBits<T>({0, 1,  0, 0, 1, 1,    1, 1, 0, 0,  1, 1, 1,             //
                        2, -3, 1, 4, 5, -0.0, 0, 0, 2, -7, 1, 8, 50, 0, 0, 0},  //

@@ -150,8 +150,10 @@ TEST(DirectWriter, NewBalanceFactorsReplaceAllOldOnes) {
         {one + scale, {1234567}, scale},                            // longer
         {one + scale + one + type + one, {7, 8, 9}, scale + type},  // equal; further down
         {one + scale + "  tensor_balance_factor : 2\n", {}, scale},
-        {kFactor + "1 scale_d: 0.5\n", {7}, " " + scale}};
-    const std::string other = "record {\n  key: \"x\"\n  value {\n" + one + "  }\n}\n", end = "  }\n}\n" + other;
+        {kFactor + "1 scale_d: 0.5\n", {7}, " " + scale},
+        {kFactor + "1\tscale_d: 0.5\n", {7}, "    \tscale_d: 0.5\n"}};
+    const std::string other = "record {\n  key: \"x\"\n  value {\n" + scale + one + "  }\n}\n",
+                      end = "  }\n}\n" + other;
     const std::string after = end + kHead + one + end;  // with a second record of the layer
     for (const auto& [old, values, rest] : rows) {
         std::string factors;

@@ -117,15 +117,6 @@ TEST(RecordParser, EveryPrefix) {
     }
 }
 
-TEST(RecordParser, NestingIsNotRecursion) {
-    Root root;
-    const std::string open(1000000, '{'), close(1000000, '}');
-    EXPECT_EQ(STATUS_OK, Parse("prune_record " + open + close, root));
-    EXPECT_EQ(2 * 999999u, root.pruneRecords[0]->content.size());
-    EXPECT_EQ(RECORD_UNKNOWN_FIELD, Parse("record " + open + close, root));
-    EXPECT_EQ(RECORD_DATA_ERROR, Parse("record " + open, root));
-}
-
 /// What a stream in the classic locale reads from `token`.
 template <typename T>
 T FromStream(const std::string& token) {

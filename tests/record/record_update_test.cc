@@ -80,6 +80,38 @@ TEST(RecordUpdate, EachOperation) {
     }
 }
 
+TEST(RecordUpdate, WritesNothingThatCannotBeReadBack) {
+    TempDir directory;
+    const std::string file = directory / "record.txt";
+    const struct {
+        const char* text;
+        const char* layer;
+        const char* type;
+        int status;
+    } rows[] = {{"", "a b", "INT8", RECORD_DATA_ERROR},
+                {"", "a\n", "INT8", RECORD_DATA_ERROR},
+                {"", "a\"b", "INT8", RECORD_DATA_ERROR},
+                {"", "a", "a b", RECORD_DATA_ERROR},
+                {"", "a", "\"}\"{\"", RECORD_DATA_ERROR},
+                {"", "a\"b\"c", "{}}", STATUS_OK},
+                {"record { key { a b } }", "a", "INT8", RECORD_DATA_ERROR},
+                {"record { key: x\"a\"b\"y }", "a", "INT8", RECORD_DATA_ERROR},
+                {"record { value { dst_type { a b } } }", "a", "INT8", RECORD_DATA_ERROR},
+                {"prune_record: } ", "a", "INT8", RECORD_DATA_ERROR},
+                {"prune_record: }{ ", "a", "INT8", RECORD_DATA_ERROR},
+                {"prune_record: \" ", "a", "INT8", RECORD_DATA_ERROR},
+                {"prune_record { \"}\" { a b } }", "a", "INT8", STATUS_OK}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text + (" " + std::string(row.layer)) + row.type);
+        WriteText(file, row.text);
+        EXPECT_EQ(row.status, WriteData(row.layer, file, row.type));
+        const std::string text = ReadText(file);
+        Root root;
+        EXPECT_TRUE(row.status == STATUS_OK ? Parse(text, root) == STATUS_OK : text == row.text) << text;
+        EXPECT_EQ(1, SemaphoreCount());
+    }
+}
+
 TEST(RecordUpdate, EightThreads) {
     TempDir directory;
     const std::string file = directory / "record.txt";

@@ -59,6 +59,7 @@ const Row kRows[] = {
     {"all positive: the range starts at 0", 8, kAsymmetric, {1, 255}, 1, -128, {1, 255}},
     {"all negative: the range ends at 0", 8, kAsymmetric, {-255, -1}, 1, 127, {-255, -1}},
     {"zero is a code on both sides", 4, kAsymmetric, {-7.5f, 7.5f}, 1, 0, {-8, 7}},
+    {"31 bits, the most", 31, kSymmetric, {-0x1p30f, 5}, 1, 0, {-0x1p30f, 5}},
     {"an all-zero channel keeps the offset of zero", 8, kAsymmetric, {0, 0}, 1, -128, {0, 0}},
 };
 
@@ -111,7 +112,7 @@ TEST(Arq, FirstFailingCheckDecidesAndNothingIsWritten) {
         {"input data length = 0.\n", false, 0, 3, 2, {1, false, false}, kNan},
         {"Exist NaN in input data, cannot do ARQ quantize.\n", false, 10, 3, 2, {1, false, false}, kNan},
         {"scale.length = 3, offset.length = 2\n", false, 10, 3, 2, {1, false, false}, 1},
-        {"arqParam.channelWise = 0, scale.length = 3\n", false, 10, 3, 3, {1, false, false}, 1},
+        {"arqParam.channelWise = 0, scale.length = 2\n", false, 10, 2, 2, {1, false, false}, 1},
         {"scale.length = 0 should not be 0.\n", false, 10, 0, 0, {1, false, false}, 1},
         {"input data length = 10, scale.length = 3\n", false, 10, 3, 3, {1, true, false}, 1},
         {"arqParam.numBits = 1, it should be greater than 2.\n", false, 9, 3, 3, {1, true, false}, 1},
@@ -120,7 +121,7 @@ TEST(Arq, FirstFailingCheckDecidesAndNothingIsWritten) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.log);
         std::vector<float> data(10, 1.0f);
-        data[row.length > 0 ? row.length - 1 : 0] = row.first;
+        data[0] = row.first;
         const std::vector<float> before = data;
         std::vector<float> scale(3, -77.0f);
         std::vector<int> offset(3, -77);
@@ -173,6 +174,15 @@ TEST(Arq, InnermostChannelWithoutAnElement) {
     EXPECT_EQ(STATUS_OK, calibrate(kAsymmetric));
     EXPECT_EQ(1.0f, t.scale[2]);
     EXPECT_EQ(-128, t.offset[2]);
+    Tensor<float> withNan({-256, kNan, -1, 1}, 1);  // is passed over, and what came before it stays
+    EXPECT_EQ(STATUS_OK,
+              KestCommon::WtsArqCalibrationCpuKernel<float>(withNan.data.data(), 4, {8, true, false}, withNan.Scale(),
+                                                            withNan.Offset(), util::KH_KW_CI_CO));
+    EXPECT_EQ(2, withNan.scale[0]);
+    // 2^24 + 2^24 - 1 steps are 2^25 in floats, for double data too: the scale is just below the middle of two floats.
+    Tensor<double> steps({0, 0x1.000000ffffp20}, 1);
+    EXPECT_EQ(STATUS_OK, ArqPython(steps, {25, true, true}));
+    EXPECT_EQ(0x1p-5f, steps.scale[0]);
 }
 
 // --- Against plain loops ----------------------------------------------------------------------------------------
@@ -218,8 +228,9 @@ T PlainFakeQuant(T x, float scale, int offset, unsigned int numBits) {
 
 template <typename T>
 void SweepAgainstPlain() {
-    for (const unsigned int numChannels : {1u, 2u, 3u, 7u, 64u, 300u, 1025u, 2500u}) {
+    for (const unsigned int numChannels : {1u, 2u, 3u, 7u, 64u, 300u, 1025u, 5000u}) {
         for (const unsigned int perChannel : {1u, 2u, 15u, 16u, 17u, 31u, 33u, 130u}) {
+            if (numChannels == 5000 && perChannel > 17) continue;
             for (const ArqParam param : {ArqParam{8, true, false}, ArqParam{4, true, true}, ArqParam{24, true, true}}) {
                 SCOPED_TRACE(testing::Message() << numChannels << " channels of " << perChannel << ", " << param.numBits
                                                 << " bits, offset " << param.withOffset);
@@ -303,6 +314,11 @@ TEST(Arq, GivenFactorsOfAnyKind) {
     const std::vector<float> far = quantise(1, INT_MIN, 8);
     for (std::size_t i = 0; i < x.size(); ++i)
         EXPECT_EQ(x[i] > 1e9f || x[i] != x[i] ? 0x1p31f : 2147483520.0f, far[i]) << i;
+    // One channel's offset is too far for floats, the other's is not.
+    float out[] = {1e9f, 3}, scales[] = {1, 1};
+    int offsets[] = {-16777219, 0};  // 127 + 16777219 = 16777346; in floats 127 + 16777220
+    KestCommon::ArqClipAndQuantKhKwCiCo<float>(out, out, 2, 8, {2, scales}, {2, offsets});
+    EXPECT_TRUE(out[0] == 16777346 && out[1] == 3) << out[0] << ", " << out[1];
 }
 
 TEST(Arq, SumsAndDifferencesBeyond32Bits) {
@@ -320,6 +336,13 @@ TEST(Arq, SumsAndDifferencesBeyond32Bits) {
     int offset = -2147483647;
     KestCommon::ArqClipAndQuantKhKwCiCo<float>(&x, &x, 1, 13, {1, &scale}, {1, &offset});
     EXPECT_EQ(2147487744.0f, x);
+    // Code 1: neither the sum 16777218 - 16777217 nor the difference 1 + 16777217 is one of floats.
+    x = 16777218;
+    offset = -16777217;
+    EXPECT_EQ(STATUS_OK, KestCommon::ArqQuantReal<float>(&x, 1, {8, true, true}, {1, &scale}, {1, &offset}, codes));
+    EXPECT_EQ(1, codes[0]);
+    KestCommon::ArqClipAndQuantKhKwCiCo<float>(&x, &x, 1, 8, {1, &scale}, {1, &offset});
+    EXPECT_EQ(16777218, x);
 }
 
 TEST(Arq, FunctorsCalibrateQuantiseStoreAndRestore) {

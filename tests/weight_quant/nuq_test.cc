@@ -3,6 +3,7 @@
 #include <tests/test_util.h>
 
 #include <algorithm>
+#include <climits>
 
 using KestCommon::NuqParam;
 
@@ -45,7 +46,8 @@ void WorkedRows() {
     expectClusters({2.5, 2.5, 2.5}, 1, {3, 0, 0});     // further centres stay 0
     expectClusters({4}, 0x1p-23, {4});                 // a sum of weights just large enough to divide by
     expectClusters({4}, 0x1.fp-24, {0});
-    expectClusters({-128, 0, 1}, 1, {0});  // a seed of 0 has not moved: it stays
+    expectClusters({0x1p30}, 0x1p-24, {64});  // else the sum is the centre
+    expectClusters({-128, 0, 1}, 1, {0});     // a seed of 0 has not moved: it stays
     // The mean of -128 -128 and, 4 times, -128 0; without weights -96.
     ExpectResult<T>("weights", {1, false, 0}, {-128, -128, -256, 0}, {1, 2}, {0, 0}, {-77, -77, -77, -77});
     // ARQ: 1 and -28, grid -128 127. (100 * 156 + 155 * 99) / (156^2 + 99^2), then the mean of 17.7 and 44.0.
@@ -65,6 +67,28 @@ void WorkedRows() {
                         {-127, -127, -127, -127}, STATUS_SCALE_ERROR);
     });
     EXPECT_NE(log.npos, log.find("1 / FLT_EPSILON.\n[ERROR][NuqCalibrationCpuKernel][] NUQ scale is illegal.\n"));
+}
+
+TEST(Nuq, WeightsOfChannels) {
+    std::vector<float> scale{0.7f, 0.1f, 0.3f, 0.9f};
+    std::vector<double> weights;
+    double sum = 0;
+    for (const float s : scale) weights.push_back(double{s} / double{0.1f} * (double{s} / double{0.1f}));
+    for (const double weight : weights) sum += weight;
+    for (double& weight : weights) weight /= sum;
+    ExpectSameBits(weights, KestCommon::Weight(4, {4, scale.data()}, 1));
+}
+
+TEST(Nuq, Codes) {
+    double x[] = {-0.5, 2.5, -0x1p40, 9};
+    float scale = 1, lowest = -FLT_MAX;
+    int offset = 1;
+    char codes[4];
+    EXPECT_EQ(STATUS_OK, NuqQuantRealPython(x, 4, {1, &scale}, {1, &offset}, codes));  // rounded, then moved
+    ExpectSameBits<char>({0, 4, 0, 10}, {codes, codes + 4});                           // INT_MIN's low byte
+    LogOf([&] {                                                                        // as finite as a number can be
+        EXPECT_EQ(STATUS_SCALE_ERROR, KestCommon::NuqQuant(&lowest, 1, {1, false, 0}, {1, &scale}, {1, &offset}));
+    });
 }
 
 template <typename T>
@@ -224,6 +248,12 @@ TEST(Nuq, FunctorsPublishStoreQuantiseAndRestore) {
     ExpectSameBits({1, 1}, scale);
     ExpectSameBits({1, 1}, stored);
 
+    data = {-128 * 1e-6f, 0};  // a scale of 1e-6 is not below itself
+    param.channelNum = 1;
+    EXPECT_EQ(STATUS_OK, nuq(data.data(), 2, param, thrust));
+    EXPECT_EQ(1e-6f, stored[0]);
+    param.channelNum = 2;
+
     centers = {2, 3, 252};
     param.numClusters = 3;
     stored = {2, 0x1p-53f};
@@ -233,6 +263,12 @@ TEST(Nuq, FunctorsPublishStoreQuantiseAndRestore) {
     EXPECT_EQ(STATUS_OK,
               (KestTfOp::FakeQuantWithNuq<util::ThreadPoolDevice, float>()(param, in.data(), out.data(), 7)));
     ExpectSameBits({2, 4, 4, 7 * 0x1p-53f, 8 * 0x1p-53f, 7 * 0x1p-53f, 2}, out);
+    centers = {INT_MAX, 3 << 29};  // 2^31 is no distance, 3 * 2^29 is one
+    param.numClusters = 2;
+    stored[0] = 1;
+    float far = 0;
+    EXPECT_EQ(STATUS_OK, (KestTfOp::FakeQuantWithNuq<util::ThreadPoolDevice, float>()(param, &far, &far, 1)));
+    EXPECT_EQ(0x1.8p30f, far);
     EXPECT_EQ(STATUS_OK, (KestTfOp::IdentityScaleOffsetNuq<util::ThreadPoolDevice, float>()(param)));
     ExpectSameBits(stored, scale);
     ExpectSameBits(storedOffset, offset);

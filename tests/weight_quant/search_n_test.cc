@@ -57,6 +57,7 @@ TEST(SearchN, WorkedRows) {
     EXPECT_EQ(1, shift({65536, kNan}, 1));
     EXPECT_EQ(1, shift({65536}, 0));                                           // all errors infinite
     ExpectSameBits({2, 2}, Search({{65536, 1e9f}, {131072}}, {1, 2}, false));  // as long as the shortest
+    EXPECT_EQ(2, Search({{0}, {131072}}, {1, 2}, true)[0]);                    // each row has its scale
     ExpectSameBits({1, -7}, Search({{1, 3}, {65536, 5}}, {1, 1}, true));       // 7 and 11
     std::vector<int> shifts{9};
     EXPECT_EQ(STATUS_OK, KestCommon::SearchShiftBits({{-65539}, {}, {65536}, {INT_MIN}, {INT_MAX}}, shifts));

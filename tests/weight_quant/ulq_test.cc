@@ -35,6 +35,7 @@ void ForwardRows() {
     ExpectSameBits<T>({T(6 * double{0.1f})}, Quantise<T>({T{0.65f}}, 0.1f, 0, 8));  // 6.4999995; 6.5 with 1 / 0.1
     // float(z) is 1 less; the upper bound is made in double precision.
     ExpectSameBits<T>({16777216, 16777218}, Quantise<T>({0, 1e9f}, 1, 16777217, 1));
+    ExpectSameBits<T>({T(16777217)}, Quantise<T>({1e9f}, 1, 16777214, 2));
     ExpectSameBits<T>({2, -1}, Quantise<T>({0, 5}, -1, -2, 2));  // bounds 2 and -1: the lower one comes first
 }
 
@@ -61,6 +62,10 @@ void GradientRows(T k) {
     ExpectSameBits<T>({2 * f, 2 * (1 - f)}, diff({-21}, {2}, bounds));
     ExpectSameBits<T>({0, 0}, diff({10, -20}, {3, 5}, bounds));  // integral, and not beyond the thresholds
     ExpectSameBits<T>({k / 2, -k / 2}, diff({T(0.1)}, {1}, {1, -1, 0.75, -0.25}));  // 25.5 in T
+    for (const T x : {T(0.11), T(0.13), T(0.17), T(0.19), T(0.23)}) {
+        const T error = static_cast<T>((std::round(double{x * 255}) - double{x * 255}) * double{k});
+        ExpectSameBits<T>({error, -error}, diff({x}, {1}, {1, -1, 0.5, -0.5}));
+    }
     const auto rest = [g](T a) { return std::fma(a, -g, a * g); };  // a fused step leaves what rounding took
     ExpectSameBits<T>({rest(1 + f), rest(-f)}, diff({11, 11}, {g, -g}, bounds));
     ExpectSameBits<T>({rest(f), rest(1 - f)}, diff({-21, -21}, {g, -g}, bounds));
@@ -132,6 +137,10 @@ TEST(Ulq, BoundsAndCounters) {
     calculate(&scales[0], &offsets[0], &b[0], &b[1], 4);
     calculate(&scales[1], &offsets[1], &b[2], &b[3], 8);
     ExpectSameBits({4, -3.5f, 0x1p31f, 0x1p31f - 128}, b);  // code - offset is more than an int holds
+    const float three = 3;
+    const int far = -128 - 16777216;
+    calculate(&three, &far, &b[0], &b[1], 8);
+    EXPECT_EQ(50332416, b[0]);  // 3 * float(16777471), a product of 50332413 would be 50332412
 }
 
 Floats QuantiseWeights(Floats x, const Floats& scale, int numBits, bool reciprocal) {
@@ -159,6 +168,11 @@ TEST(Ulq, Weights) {
     EXPECT_EQ(0.5f, steps(8, true)[13]);
     EXPECT_EQ(1, steps(8, true)[15]);
     EXPECT_EQ(-77, steps(1, false)[12]);
+    EXPECT_EQ(64, steps(2, false)[12]);
+    const float low = -128 * 1e-6f;
+    float max, min, step;
+    KestTfOp::ScaleArqInit<Device, float>()(1, &low, &max, &min, {&step, 1, 8, false});
+    EXPECT_EQ(1e-6f, step);  // is not below itself
 }
 
 TEST(Ulq, TransposeAB) {

@@ -135,7 +135,8 @@ public:
 /// STATUS_OK, also for an empty file; RECORD_PATH_ERROR if the path cannot be resolved; RECORD_OPEN_ERROR if what it
 /// leads to cannot be opened or read (a directory, no permission, a device without end): `root` unchanged; the
 /// statuses of Proto::Parse: entries before the failing one stay in `root`. Prints nothing. Reads the whole file into
-/// memory. Calls on different roots may run at once.
+/// memory, and needs up to 256 bytes for each of its bytes, 2 to 20 where the records have values. Calls on different
+/// roots may run at once.
 KEST_EXPORT int ParseRecordFile(std::string path, InnerData& root);
 
 }  // namespace kest_tf
