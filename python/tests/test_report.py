@@ -12,15 +12,10 @@ def test_figures_worked_by_hand():
     reference = np.array([[3, 4, 0], [0, 0, 0], [1, -2, 2]], np.float32)
     result = np.array([[3, 4, 0.5], [0, 0, 0], [-1, 2, -2]], np.float16)
     report = kest.report.compare(reference, result, channel_axis=0, clip_range=(-1, [3, 3, 1]))
-    first, second, third = report.channels
-    assert first.snr_db == pytest.approx(20) and first.largest_error == 0.5 and first.clipped == 1 / 3
-    assert first.cosine == pytest.approx(25 / math.sqrt(25 * 25.25))
-    assert second == kest.report.Errors(math.inf, 1, 0, 0)
-    assert third.snr_db == pytest.approx(10 * math.log10(9 / 36)) and third.cosine == pytest.approx(-1)
-    assert third.largest_error == 4 and third.clipped == 2 / 3
-    assert report.overall.snr_db == pytest.approx(10 * math.log10(34 / 36.25))
-    assert report.overall.cosine == pytest.approx(16 / math.sqrt(34 * 34.25))
-    assert report.overall.largest_error == 4 and report.overall.clipped == pytest.approx(3 / 9)
+    for found, expected in zip((*report.channels, report.overall), (
+            (20, 25 / math.sqrt(25 * 25.25), 0.5, 1 / 3), (math.inf, 1, 0, 0), (10 * math.log10(9 / 36), -1, 4, 2 / 3),
+            (10 * math.log10(34 / 36.25), 16 / math.sqrt(34 * 34.25), 4, 3 / 9)), strict=True):
+        assert dataclasses.astuple(found) == pytest.approx(expected)
     moved = kest.report.compare(reference.T, result.T, channel_axis=-1, clip_range=(-1, [3, 3, 1]))
     assert moved == report
     plain = kest.report.compare(reference, result)
@@ -46,21 +41,6 @@ def test_the_text_shows_the_worst_channels_first():
     assert [line.split()[1] for line in lines[2:10]] == ["7", "6", "5", "4", "3", "2", "1", "0"]
     assert lines[10:] == ["(12 better channels)"]
     assert str(kest.report.compare([1.0], [1.0])).endswith("-")
-
-
-@pytest.mark.parametrize("call, name", [
-    (lambda: kest.report.compare([1, 2], [1]), "result"),
-    (lambda: kest.report.compare([], []), "reference"),
-    (lambda: kest.report.compare([1, 2], [1, 2], channel_axis=1), "channel_axis"),
-    (lambda: kest.report.compare([1, 2, 3], [1, 2, 3], channel_axis=0, clip_range=(0, [1, 2])), "clip_range"),
-    (lambda: kest.report.compare([1, 2], [1, 2], clip_range=(1, 0)), "clip_range"),
-    (lambda: kest.report.compare([1, 2], [1, 2], clip_range=(0, math.nan)), "clip_range"),
-    (lambda: kest.report.compare(np.ma.masked_less([1, 2], 2), [1, 2]), "reference has to be of real numbers"),
-    (lambda: kest.report.compare([1, 2], [1, 2j]), "result has to be of real numbers"),
-])
-def test_arguments_are_checked(call, name):
-    with pytest.raises((ValueError, TypeError), match=name):
-        call()
 
 
 def test_the_plot_shows_the_counts_and_the_clip_range(tmp_path):

@@ -43,22 +43,19 @@ TEST(Divider, CorrectlyRoundedNextToEveryMidpoint) {
 #if defined(__x86_64__)
     if (!__builtin_cpu_supports("fma")) GTEST_SKIP() << "no fused multiply-add";
 #endif
-    std::uint64_t numTried = 0;
-    std::uint64_t numWrong = 0;
+    std::uint64_t numTried = 0, numWrong = 0;
     for (std::uint32_t b = 1u << 23; b < 1u << 24; ++b) {
         const int twos = __builtin_ctz(b);
         if ((1 << twos) > kMaxC) continue;  // c would have to be a larger multiple of 2^twos
         const float divisor = static_cast<float>(b);
         const util::Divider<float> quotient(divisor);
         const std::uint32_t inverse = Inverse(b >> twos);
-        for (const int k : {24, 25}) {
-            for (std::int64_t c1 = -(kMaxC >> twos) | 1; c1 * (1 << twos) <= kMaxC; c1 += 2) {  // odd, as M * b1 is
+        for (const int k : {24, 25})
+            for (std::int64_t c1 = -(kMaxC >> twos) | 1; c1 * (1 << twos) <= kMaxC; c1 += 2)  // odd, as M * b1 is
                 ForEachDividend(b, twos, inverse, k, c1, [&](float a) {
                     ++numTried;
                     numWrong += quotient(a) != a / divisor;
                 });
-            }
-        }
     }
     EXPECT_EQ(23259273u, numTried);
     EXPECT_EQ(0u, numWrong);

@@ -7,24 +7,16 @@
 
 namespace {
 
-using Halves = std::vector<unsigned short>;
-
-std::vector<float> ToFloats(const Halves& in) {
-    std::vector<float> out(in.size() + 1, -77);
-    util::DataCastToFloat32Functor<util::ThreadPoolDevice, unsigned short>()(in.data(), out.data(),
-                                                                             static_cast<int>(in.size()));
-    EXPECT_EQ(-77, out.back());
-    out.pop_back();
-    return out;
-}
-
-Halves ToHalves(const std::vector<float>& in) {
-    Halves out(in.size() + 1, 77);
-    util::DataCastToFloat16Functor<util::ThreadPoolDevice, float>()(in.data(), out.data(), static_cast<int>(in.size()));
+template <typename Out, typename Functor, typename In>
+std::vector<Out> Cast(Functor cast, const std::vector<In>& in) {
+    std::vector<Out> out(in.size() + 1, 77);
+    cast(in.data(), out.data(), static_cast<int>(in.size()));
     EXPECT_EQ(77, out.back());
     out.pop_back();
     return out;
 }
+const util::DataCastToFloat32Functor<util::ThreadPoolDevice, unsigned short> kToFloats;
+const util::DataCastToFloat16Functor<util::ThreadPoolDevice, float> kToHalves;
 
 float FromBits(std::uint32_t bits) {
     float value;
@@ -33,10 +25,11 @@ float FromBits(std::uint32_t bits) {
 }
 
 TEST(Half, EveryPattern) {
-    Halves all(65536);
+    std::vector<unsigned short> all(65536);
     for (unsigned int i = 0; i < 65536; ++i) all[i] = static_cast<unsigned short>(i);
-    const std::vector<float> floats = ToFloats(all);
-    const Halves back = ToHalves(floats);
+    kToFloats(nullptr, nullptr, -1);
+    const std::vector<float> floats = Cast<float>(kToFloats, all);
+    const auto back = Cast<unsigned short>(kToHalves, floats);
     for (unsigned int i = 0; i < 65536; ++i) {
         const unsigned int sign = i & 0x8000, exponent = i >> 10 & 31, fraction = i & 1023;
         const double size =
@@ -58,7 +51,7 @@ TEST(Half, EveryFloatOfItsRangeIsCutToTheHalfBelow) {
     for (std::uint32_t half = 0x0400; half < 0x7C00; ++half) {
         const std::uint32_t first = Bits(util::Fp16ToFp32(static_cast<unsigned short>(half)));
         for (std::uint32_t i = 0; i < kFloats; ++i) floats[i] = FromBits(first + i);
-        const Halves cut = ToHalves(floats);
+        const auto cut = Cast<unsigned short>(kToHalves, floats);
         ASSERT_EQ(kFloats, std::count(cut.begin(), cut.end(), half)) << half;
     }
     const float beyond[] = {65535.996f, 65536, FLT_MAX, 0x1.fffffep-15f, 0x1p-24f, FLT_TRUE_MIN};
@@ -70,54 +63,35 @@ TEST(Half, EveryFloatOfItsRangeIsCutToTheHalfBelow) {
     EXPECT_EQ(0x7E00, util::Fp32ToFp16(FromBits(0x7F800001)));  // not infinite although no kept bit is set
 }
 
-TEST(Half, AnyLength) {
-    for (const std::size_t n : {0u, 1u, 7u, 15u, 16u, 17u, 33u, 1001u}) {
-        const std::vector<float> x = MixedValues<float>(n, static_cast<unsigned int>(n), 1000);
-        Halves expected;
-        for (const float value : x) expected.push_back(util::Fp32ToFp16(value));
-        EXPECT_EQ(expected, ToHalves(x));
-        std::vector<float> back;
-        for (const unsigned short half : expected) back.push_back(util::Fp16ToFp32(half));
-        ExpectSameBits(back, ToFloats(expected));
-    }
-    util::DataCastToFloat32Functor<util::ThreadPoolDevice, unsigned short>()(nullptr, nullptr, -1);
-}
-
 TEST(NumericHelpers, ShapesAndFactors) {
     EXPECT_EQ("FLOAT16", util::OnnxTypeToString(10));
     EXPECT_EQ("FLOAT32", util::OnnxTypeToString(1));
-    struct Row {
-        std::vector<int> dims;
-        long length;
-        int status;
+    const std::string overflow = "[ERROR][GetLengthByDim][] Overflow is detected during calculating dataSize!";
+    const auto expect = [&](const std::vector<int>& dims, long length, bool isGood = true) {
+        long found = -77;
+        const int status = isGood ? STATUS_OK : STATUS_BAD_PARAM;
+        EXPECT_EQ(isGood ? "" : overflow, LogOf([&] { EXPECT_EQ(status, util::GetLengthByDim(dims, found)); }));
+        EXPECT_EQ(length, found);
     };
     const int k = 65536;
-    const Row rows[] = {{{}, 0, STATUS_OK},
-                        {{2, 3, 4}, 24, STATUS_OK},
-                        {{2, 0, 4}, 2, STATUS_BAD_PARAM},
-                        {{-1}, 1, STATUS_BAD_PARAM},
-                        {{2, -3}, 2, STATUS_BAD_PARAM},
-                        {{k, k, k, k}, 1L << 48, STATUS_BAD_PARAM},
-                        {{k, k, k, k / 2 - 1}, (1L << 48) * (k / 2 - 1), STATUS_OK},
-                        {{153092023, 92737, 649657}, std::numeric_limits<long>::max(), STATUS_OK},  // just that
-                        {{INT_MAX, INT_MAX, 2}, 2 * long{INT_MAX} * INT_MAX, STATUS_OK}};
-    for (const Row& row : rows) {
-        long length = -77;
-        const std::string log = LogOf([&] { EXPECT_EQ(row.status, util::GetLengthByDim(row.dims, length)); });
-        EXPECT_EQ(row.length, length);
-        const char* message = "[ERROR][GetLengthByDim][] Overflow is detected during calculating dataSize!";
-        EXPECT_EQ(row.status == STATUS_OK ? "" : message, log);
-    }
+    expect({}, 0);
+    expect({2, 3, 4}, 24);
+    expect({2, 0, 4}, 2, false);
+    expect({-1}, 1, false);
+    expect({2, -3}, 2, false);
+    expect({k, k, k, k}, 1L << 48, false);
+    expect({k, k, k, k / 2 - 1}, (1L << 48) * (k / 2 - 1));
+    expect({153092023, 92737, 649657}, std::numeric_limits<long>::max());  // just that
+    expect({INT_MAX, INT_MAX, 2}, 2 * long{INT_MAX} * INT_MAX);
 
     const std::vector<float> good{0x1p-23f, 1, 0x1p23f, kNan};
     EXPECT_EQ(STATUS_OK, util::CheckBalanceFactor(good.data(), 4));
     EXPECT_EQ(STATUS_OK, util::CheckBalanceFactor(nullptr, 0));
     for (const float bad : {0.0f, -1.0f, 0x1.fffffep-24f, 8388609.0f, kInf}) {
         const float factors[] = {1, bad, -5};
-        const std::string log = LogOf([&] { EXPECT_EQ(VALUE_RANGE_ERROR, util::CheckBalanceFactor(factors, 3)); });
         EXPECT_EQ("[ERROR][CheckBalanceFactor][] tensor balance factor out of range[FLT_EPSILON, 1/FLT_EPSILON]: " +
                       std::to_string(bad) + ".\n",
-                  log);
+                  LogOf([&] { EXPECT_EQ(VALUE_RANGE_ERROR, util::CheckBalanceFactor(factors, 3)); }));
     }
 }
 

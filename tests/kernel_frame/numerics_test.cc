@@ -5,7 +5,6 @@
 #include <tests/test_util.h>
 
 #include <climits>
-#include <utility>
 
 namespace {
 
@@ -47,36 +46,27 @@ TEST(Saturate, NearestLimitAndZeroForNan) {
 }
 
 TEST(Grid, Bounds) {
-    const struct {
-        std::int64_t numBits;
-        int low;
-        int high;
-    } rows[] = {{8, -128, 127},
-                {4, -8, 7},
-                {2, -2, 1},
-                {1, -1, 0},
-                {0, 0, 0},
-                {31, -(1 << 30), (1 << 30) - 1},
-                {32, INT_MIN, INT_MAX},
-                {5000, INT_MIN, INT_MAX}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.numBits);
-        EXPECT_EQ(row.low, util::SignedGrid(row.numBits).low);
-        EXPECT_EQ(row.high, util::SignedGrid(row.numBits).high);
-    }
+    const auto bounds = [](std::int64_t numBits) {
+        const auto grid = util::SignedGrid(numBits);
+        return std::vector<int>{grid.low, grid.high};
+    };
+    ExpectSameBits({0, 0}, bounds(0));
+    ExpectSameBits({-1, 0}, bounds(1));
+    ExpectSameBits({-8, 7}, bounds(4));
+    ExpectSameBits({-(1 << 30), (1 << 30) - 1}, bounds(31));
+    for (const std::int64_t all : {32, 5000}) ExpectSameBits({INT_MIN, INT_MAX}, bounds(all));
 }
 
 TEST(Parallel, ContiguousBlocksTheFirstOnesLonger) {
-    const std::pair<int, int> expected[] = {{0, 3}, {3, 6}, {6, 8}, {8, 10}};
-    for (int thread = 0; thread < 4; ++thread) {
-        const util::Block block = util::BlockOfThread(10, 4, thread);
-        EXPECT_EQ(expected[thread], std::make_pair(block.begin, block.end));
-    }
-    const util::Block last = util::BlockOfThread(INT_MAX, 7, 6);  // t * (q + 1) must not overflow
-    EXPECT_EQ(INT_MAX, last.end);
-    EXPECT_EQ(0, util::BlockOfThread(-5, 4, 0).end);
-    const util::Block idle = util::BlockOfThread(2, 4, 3);
-    EXPECT_EQ(idle.begin, idle.end);
+    const auto block = [](int n, int numThreads, int thread) {
+        const util::Block found = util::BlockOfThread(n, numThreads, thread);
+        return std::vector<int>{found.begin, found.end};
+    };
+    const std::vector<int> expected[] = {{0, 3}, {3, 6}, {6, 8}, {8, 10}};
+    for (int thread = 0; thread < 4; ++thread) EXPECT_EQ(expected[thread], block(10, 4, thread));
+    EXPECT_EQ(INT_MAX, block(INT_MAX, 7, 6)[1]);  // t * (q + 1) must not overflow
+    EXPECT_EQ(0, block(-5, 4, 0)[1]);
+    ExpectSameBits({2, 2}, block(2, 4, 3));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include <kest/activation_calib/ifmr.h>
 #include <kest/kernel_frame/log_capture.h>
 #include <kest/kernel_frame/scale.h>
-#include <kest/op_kernels/deployed_ops.h>
 #include <kest/op_kernels/fast_softmax.h>
 #include <kest/prune_balance/channel_prune.h>
 #include <kest/prune_balance/selective_mask.h>
@@ -74,10 +73,6 @@ const struct Job {
          KestCommon::Ulq(w.x, w.out, w.n, w.Scales(1), w.Offsets(1), 4);
          return 0;
      }},
-    {"deployed quantise", false, (1 << 17) + 5,
-     [](Work& w) {
-         return KestTfOp::OrvaneQuantFunctor<ThreadPoolDevice, float>()({w.n, w.x, 50, 3, 8}, w.out);
-     }},
     {"softmax", false, 384 * 100,
      [](Work& w) {
          static KestTfOp::SoftmaxParam param{0.5f, 0.125f, -4, 1, 384 * 100, {100, 384}};
@@ -96,8 +91,7 @@ const struct Job {
     {"failure", true, 0,
      [](Work& w) {
          const util::LogCapture capture;
-         w.factors[0] = kInf;
-         const int status = util::ProcessScale(w.factors[0]);
+         const int status = util::ProcessScale(w.factors[0] = kInf);
          w.text = capture.lines;
          return status;
      }},
@@ -208,9 +202,9 @@ TEST_F(Load, ForkWhileOthersCompute) {
 
 TEST_F(Load, TightAddressSpace) {
     Expect(1);
-    enum End { kRight, kWrong, kOutOfMemory, kNumEnds };
+    enum End { kRight, kOutOfMemory, kWrong };
     for (std::size_t j = 0; j < std::size(kJobs); ++j) {
-        int counts[kNumEnds] = {};
+        int counts[kWrong] = {};
         for (headroom = 0; headroom <= 1 << 20; headroom = headroom * 2 + 4096) {
             const int end = InChild([&] {
                 try {
@@ -221,10 +215,9 @@ TEST_F(Load, TightAddressSpace) {
                     return kOutOfMemory;
                 }
             });
-            ASSERT_LT(end, kNumEnds) << kJobs[j].name << ", " << headroom << " bytes left";
+            ASSERT_LT(end, kWrong) << kJobs[j].name << ", " << headroom << " bytes left";
             ++counts[end];
         }
-        EXPECT_EQ(0, counts[kWrong]) << kJobs[j].name;
         EXPECT_LT(0, counts[kRight]) << kJobs[j].name;
         EXPECT_EQ(kJobs[j].takesMemory, counts[kOutOfMemory] > 0) << kJobs[j].name;
     }

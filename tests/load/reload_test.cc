@@ -4,22 +4,20 @@
 #include <malloc.h>
 #include <tests/test_util.h>
 
+#include <algorithm>
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 
 namespace {
 
-/// What a library that goes and comes could leave behind.
-struct Leftovers {
-    std::ptrdiff_t mappings;
-    std::ptrdiff_t threads;
-    std::size_t heapBytes;
-};
-Leftovers Count() {
+/// What a library that goes and comes could leave behind: mappings, threads, bytes of the heap.
+std::array<std::size_t, 3> Leftovers() {
     std::ifstream maps("/proc/self/maps");
-    return {std::count(std::istreambuf_iterator<char>(maps), {}, '\n'),
-            std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}), mallinfo2().uordblks};
+    const auto numMappings = std::count(std::istreambuf_iterator<char>(maps), {}, '\n');
+    const auto numThreads = std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    return {static_cast<std::size_t>(numMappings), static_cast<std::size_t>(numThreads), mallinfo2().uordblks};
 }
 
 // Neither kest nor an OpenMP runtime is linked to this program: both come and go with dlopen and dlclose, or stay.
@@ -28,7 +26,7 @@ TEST(Load, OpenedAndClosedAThousandTimes) {
     std::vector<float> out(values.size());
     float scale = 0.125f;
     int offset = -8;
-    Leftovers early{};
+    std::array<std::size_t, 3> early{};
     for (int i = 0; i < 1000; ++i) {
         void* library = dlopen(KEST_LIBRARY, RTLD_NOW | RTLD_LOCAL);
         ASSERT_NE(nullptr, library) << dlerror();
@@ -41,12 +39,9 @@ TEST(Load, OpenedAndClosedAThousandTimes) {
         ASSERT_EQ(1 / 128.0f, scale);
         if (i % 10 == 0) ulq(values.data(), out.data(), static_cast<int>(values.size()), {1, &scale}, {1, &offset}, 4);
         ASSERT_EQ(0, dlclose(library));
-        if (i == 100) early = Count();
+        if (i == 100) early = Leftovers();
     }
-    const Leftovers late = Count();
-    EXPECT_EQ(early.mappings, late.mappings);
-    EXPECT_EQ(early.threads, late.threads);
-    EXPECT_EQ(early.heapBytes, late.heapBytes);
+    EXPECT_EQ(early, Leftovers());
 }
 
 }  // namespace

@@ -1,9 +1,6 @@
 #include <kest/op_kernels/deployed_ops.h>
 
-#include <omp.h>
 #include <tests/test_util.h>
-
-#include <algorithm>
 
 namespace {
 
@@ -50,10 +47,9 @@ Floats Dequantise(int k, const std::vector<std::uint64_t>& words, Layout layout,
 
 Floats WeightQuantise(const std::vector<signed char>& w, const std::vector<signed char>& o, Layout layout) {
     const auto [num, inner, wise, first] = layout;
-    const int n = static_cast<int>(w.size());
     const OrvaneWeightQuantFunctor<Device, float> functor;
     Floats out(w.size() + 1, -77);
-    EXPECT_EQ(0, functor({n, w.data(), o.data(), inner, num, wise, first}, out.data()));
+    EXPECT_EQ(0, functor({static_cast<int>(w.size()), w.data(), o.data(), inner, num, wise, first}, out.data()));
     EXPECT_EQ(-77, out.back());
     out.pop_back();
     return out;
@@ -115,57 +111,6 @@ TEST(DeployedOps, ProductsWithZero) {
     const Floats out =
         Apply(AntiQuantInputParam<float>{0, nullptr, 0}, {-1, kInf}, OrvaneAntiQuantFunctor<Device, float>());
     EXPECT_TRUE(Bits(out[0]) == Bits(-0.0f) && std::isnan(out[1]));
-}
-
-TEST(DeployedOps, EveryLayoutLengthAndNumberOfThreads) {
-    const Layout layouts[] = {{1, 1, false},
-                              {17, 1, true, false},
-                              {1025, 1, true, false},
-                              {5, 3},
-                              {7, 15},
-                              {33, 16},
-                              {5000, 9},
-                              {64, 1025},
-                              {2, 140009},
-                              {7, 95}};  // a thread may start at the last element of a run
-    const int maxThreads = omp_get_max_threads();
-    for (const int n : {0, 1, 15, 17, 33, 1000, 131072, 300007}) {
-        const Floats x = MixedValues<float>(static_cast<std::size_t>(n), 1, 3e4f);
-        std::vector<signed char> weight;
-        Floats codes, products;
-        for (const float v : x) {
-            codes.push_back(std::clamp(std::round(v * 0.01f) - 3, -128.0f, 127.0f) + 3);
-            weight.push_back(static_cast<signed char>(codes.back() - 3));
-            products.push_back(v * 0.3f);
-        }
-        for (const Layout& layout : layouts) {
-            SCOPED_TRACE(testing::Message() << n << ", " << layout.channelNum << " runs of " << layout.innerSize);
-            std::vector<std::uint64_t> words;
-            std::vector<signed char> offset;
-            for (int c = 0; c < layout.channelNum; ++c) {
-                words.push_back(Word(static_cast<float>(c + 1), n % 2 * (c + 2) % 5));
-                offset.push_back(static_cast<signed char>(c * 37));
-            }
-            Floats scaled, shifted;
-            for (int i = 0; i < n; ++i) {
-                const int c = i / layout.innerSize % layout.channelNum, shift = n % 2 * (c + 2) % 5;
-                const float p = std::ldexp(1.0f, shift), y = 3 * x[i];
-                const float code = shift > 0 ? std::clamp(std::floor(y / p), -32768.0f, 32767.0f) : y;
-                scaled.push_back(code * (p * static_cast<float>(c + 1)) / 3);
-                shifted.push_back(static_cast<float>(weight[i] - offset[c]));
-            }
-            for (const int threads : {1, 2, 3}) {
-                omp_set_num_threads(threads);
-                ExpectSameBits(scaled, Dequantise(3, words, layout, x));
-                ExpectSameBits(shifted, WeightQuantise(weight, offset, layout));
-                if (layout.channelWise) continue;
-                ExpectSameBits(codes, Quantise(0.01f, -3, 8, x));
-                ExpectSameBits(products, Apply(AntiQuantInputParam<float>{0, nullptr, 0.3f}, x,
-                                               OrvaneAntiQuantFunctor<Device, float>()));
-            }
-        }
-    }
-    omp_set_num_threads(maxThreads);
 }
 
 }  // namespace

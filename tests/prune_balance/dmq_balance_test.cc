@@ -45,37 +45,25 @@ TEST(DMQBalance, ZeroChannelsKeepWhatIsTooSmallToBeHealthy) {
 }
 
 TEST(DMQBalance, FirstFailingCheckDecidesAndNothingIsWritten) {
-    struct Row {
-        Floats act;
-        Floats wts;
-        float strength;
-        unsigned int numChannels;
-        std::string log;
+    const std::string check = "[ERROR][CheckDMQBParam][] ", number = check + "migrationStrength: 0.";
+    const std::string range = "0000 not support, should be in [0.2, 0.8]!\n", find = "[ERROR][FindMaxValue][] channel[";
+    const auto expect = [](const std::string& log, Floats act, Floats wts, float strength, unsigned int numChannels) {
+        Floats result, expected(numChannels + 1, -77);
+        expected[0] = STATUS_BAD_PARAM;
+        EXPECT_EQ(log, LogOf([&] { result = Balance(act, wts, strength, numChannels); }));
+        ExpectSameBits(expected, result);
     };
-    const std::string check = "[ERROR][CheckDMQBParam][] ", find = "[ERROR][FindMaxValue][] ";
-    const Row rows[] = {
-        {{}, {}, 0, 0, check + "act pointer is null or length is 0!\n"},
-        {{1}, {}, 0, 0, check + "wts pointer is null or length is 0!\n"},
-        {{1}, {1}, 0.19f, 0, check + "migrationStrength: 0.190000 not support, should be in [0.2, 0.8]!\n"},
-        {{1}, {1}, 0.81f, 0, check + "migrationStrength: 0.810000 not support, should be in [0.2, 0.8]!\n"},
-        {{1}, {1}, 0.8f, 0, check + "channelNum is 0!\n"},
-        {{1, 1}, {1, 1, 1}, 0.2f, 2, check + "act.length: 2 or wts.length: 3 cannot be divisible by channelNum: 2!\n"},
-        {{1, kInf},
-         {-kInf, 1},
-         0.5f,
-         2,
-         find + "channel[0] max value is illegal!\n[ERROR][DMQBalance][] find wts max value fail.\n"},
-        {{1, -kInf},
-         {1, kInf},
-         0.5f,
-         2,
-         find + "channel[1] max value is illegal!\n[ERROR][DMQBalance][] find act max value fail.\n"}};
-    for (const Row& row : rows) {
-        Floats result;
-        EXPECT_EQ(row.log, LogOf([&] { result = Balance(row.act, row.wts, row.strength, row.numChannels); }));
-        EXPECT_EQ(STATUS_BAD_PARAM, result[0]);
-        for (unsigned int c = 0; c < row.numChannels; ++c) EXPECT_EQ(-77, result[c + 1]) << row.log;
-    }
+    expect(check + "act pointer is null or length is 0!\n", {}, {}, 0, 0);
+    expect(check + "wts pointer is null or length is 0!\n", {1}, {}, 0, 0);
+    expect(number + "19" + range, {1}, {1}, 0.19f, 0);
+    expect(number + "81" + range, {1}, {1}, 0.81f, 0);
+    expect(check + "channelNum is 0!\n", {1}, {1}, 0.8f, 0);
+    expect(check + "act.length: 2 or wts.length: 3 cannot be divisible by channelNum: 2!\n", {1, 1}, {1, 1, 1}, 0.2f,
+           2);
+    expect(find + "0] max value is illegal!\n[ERROR][DMQBalance][] find wts max value fail.\n", {1, kInf}, {-kInf, 1},
+           0.5f, 2);
+    expect(find + "1] max value is illegal!\n[ERROR][DMQBalance][] find act max value fail.\n", {1, -kInf}, {1, kInf},
+           0.5f, 2);
     float one = 1;
     EXPECT_EQ(check + "balanceFactor is null!\n", LogOf([&] {
                   EXPECT_EQ(STATUS_BAD_PARAM, KestCommon::DMQBalance({1, &one}, {1, &one}, 0.5f, 1, nullptr));
@@ -85,16 +73,15 @@ TEST(DMQBalance, FirstFailingCheckDecidesAndNothingIsWritten) {
 TEST(DMQBalance, FunctorCopiesThenChecksTheRange) {
     const float act[] = {4, 0x1p60f, kInf}, wts[] = {1, 0x1p-20f, 1};
     Floats factors(3, -77), copy(3, -77);
-    DMQBalancerKernel::DMQBalancerParam param{0.5f, 1, 1, 1, copy.data()};
-    const DMQBalancerKernel::DMQBalancer<util::ThreadPoolDevice, float> balance;
-    EXPECT_EQ(STATUS_OK, balance(act, wts, param, factors.data()));
-    ExpectSameBits({2, -77, -77}, copy);
-    param.channelNum = param.actLength = param.wtsLength = 3;
-    LogOf([&] { EXPECT_EQ(STATUS_BAD_PARAM, balance(act, wts, param, factors.data())); });
-    ExpectSameBits({2, -77, -77}, copy);
-    param.channelNum = param.actLength = param.wtsLength = 2;
-    LogOf([&] { EXPECT_EQ(VALUE_RANGE_ERROR, balance(act, wts, param, factors.data())); });
-    ExpectSameBits({2, 0x1p40f, -77}, copy);
+    const auto expect = [&](int status, unsigned int n, const Floats& copied) {
+        DMQBalancerKernel::DMQBalancerParam param{0.5f, n, n, n, copy.data()};
+        const DMQBalancerKernel::DMQBalancer<util::ThreadPoolDevice, float> balance;
+        LogOf([&] { EXPECT_EQ(status, balance(act, wts, param, factors.data())); });
+        ExpectSameBits(copied, copy);
+    };
+    expect(STATUS_OK, 1, {2, -77, -77});
+    expect(STATUS_BAD_PARAM, 3, {2, -77, -77});
+    expect(VALUE_RANGE_ERROR, 2, {2, 0x1p40f, -77});
     ExpectSameBits(copy, factors);
 }
 

@@ -1,6 +1,5 @@
 #include <kest/prune_balance/mask_out.h>
 
-#include <omp.h>
 #include <tests/test_util.h>
 
 namespace {
@@ -60,29 +59,6 @@ TYPED_TEST(MaskOutTest, Rows) {
     ExpectSameBits<T>({1, 0, 1, 0, 0, 0}, Generated<T>(0, {1, 0}, {1, 0, 1}, 3, 6));
     ExpectSameBits<T>({1, 1, 0, 1, 1, 0, 0, 0}, Generated<T>(0, {nan, tiny, -T{0}}, {-tiny, nan, -T{0}}, 3, 8));
     for (const int colNum : {0, -1}) ExpectSameBits<T>({-77, -77}, Generated<T>(8, {1}, {1}, colNum, 2));
-}
-
-TYPED_TEST(MaskOutTest, EveryLayoutLengthAndNumberOfThreads) {
-    const MaskParam params[] = {{0, 512, 1, 300, 512}, {0, 1, 512, 512, 300}, {0, 9, 576, 64, 32},
-                                {0, 7175, 1, 3, 1025}, {0, 1, 7175, 1025, 3}, {0, 1, 17, 17, 15},
-                                {0, 3, 3, 5, 7},       {0, 10, 7, 4, 3},      {0, 16, 140009, 1, 2}};
-    const std::vector<TypeParam> x = MixedValues<TypeParam>(300008, 1);
-    for (const int threads : {1, 2, 3})
-        for (const int n : {0, 1, 15, 17, 33, 1000, 131071, 300007}) {
-            omp_set_num_threads(threads);
-            const std::vector<TypeParam> data(x.begin(), x.begin() + n);
-            std::vector<TypeParam> expected(n);
-            for (const auto [none, rowStride, colStride, rows, cols] : params) {
-                SCOPED_TRACE(testing::Message() << n << ", " << rowStride << ' ' << colStride);
-                for (int i = 0; i < n; ++i)
-                    expected[i] = x[i / rowStride % rows * cols + i / colStride % cols] * data[i];
-                ExpectSameBits(expected, Masked({none, rowStride, colStride, rows, cols}, x, data));
-            }
-            for (const int colNum : {1, 3, 17, 1025, 140009}) {
-                for (int i = 0; i < n; ++i) expected[i] = x[i / colNum] != 0 && x[i % colNum] != 0;
-                ExpectSameBits(expected, Generated(0, x, x, colNum, n));
-            }
-        }
 }
 
 }  // namespace

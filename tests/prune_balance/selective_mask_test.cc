@@ -1,9 +1,6 @@
 #include <kest/prune_balance/selective_mask.h>
 
-#include <omp.h>
 #include <tests/test_util.h>
-
-#include <algorithm>
 
 namespace {
 
@@ -74,54 +71,6 @@ TEST(SelectiveMask, WorkedRows) {
     SelectionRows<double>();
     MaskRows<float>();
     MaskRows<double>();
-}
-
-template <typename T>
-void Sweep(unsigned int outer, unsigned int numChannels, unsigned int inner, unsigned int m, unsigned int n) {
-    std::vector<T> data = MixedValues<T>(std::size_t{outer} * numChannels * inner, inner + m), select(numChannels);
-    for (std::size_t i = 5; i < data.size(); i += 41)
-        data[i] = i % 3 == 0 ? -kInf : i % 3 == 1 ? kNan : std::nanf("77");
-    std::vector<T> size = data;
-    for (T& x : size) x = std::isnan(x) ? kInf : std::min(std::fabs(x), T{FLT_MAX});  // NaN is above infinity
-    Indices channels;
-    for (unsigned int c = 0; c < numChannels; ++c)
-        if (c % 7 != 2) select[channels.emplace_back(c)] = 1;
-    const std::size_t slots = (channels.size() + m - 1) / m * m;
-    std::vector<T> expected(1 + data.size(), -77), gathered(outer * slots * inner);
-    expected[0] = 0;
-    for (std::size_t q = 0; q < outer; ++q)
-        for (std::size_t t = 0; t < inner; ++t)
-            for (std::size_t s = 0; s < channels.size(); ++s) {
-                const auto at = [&](std::size_t slot) { return (q * numChannels + channels[slot]) * inner + t; };
-                unsigned int before = 0;  // how many of the group's others go before this one
-                for (std::size_t o = s / m * m; o < std::min(s / m * m + m, channels.size()); ++o)
-                    before += size[at(o)] > size[at(s)] || (size[at(o)] == size[at(s)] && o < s);
-                expected[1 + at(s)] = before < n;
-                gathered[(q * slots + s) * inner + t] = data[at(s)];
-            }
-    expected.insert(expected.end(), gathered.begin(), gathered.end());
-    for (const int threads : {1, 2, 3}) {
-        SCOPED_TRACE(testing::Message() << outer << " x " << numChannels << " x " << inner << ", " << n << ":" << m);
-        omp_set_num_threads(threads);
-        ExpectSameBits(expected, Mask<T>({1, m, n, {outer, numChannels, inner}}, data, select, gathered.size()));
-    }
-}
-
-template <typename T>
-void Sweeps() {
-    for (const unsigned int m : {1, 2, 3, 4, 8, 16, 32, 33, 65, 130})
-        for (const unsigned int inner : {1, 2, 7, 15, 16, 17, 33, 100})
-            for (const unsigned int n : {m / 4, m / 2, m - 1}) Sweep<T>(3, 45, inner, m, n);
-    Sweep<T>(1, 70000, 1, 4, 2);
-    Sweep<T>(2, 40, 2003, 16, 4);
-    Sweep<T>(1, 9, 16388, 4, 2);
-    Sweep<T>(1, 70, 2051, 64, 9);
-    Sweep<T>(4001, 17, 1, 4, 2);
-}
-
-TEST(SelectiveMask, AnyShapeAndNumberOfThreads) {
-    Sweeps<float>();
-    Sweeps<double>();
 }
 
 }  // namespace

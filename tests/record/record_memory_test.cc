@@ -1,39 +1,5 @@
-#include <malloc.h>
+#include <tests/faults/shim.h>
 #include <tests/record/record_test_util.h>
-
-#include <new>
-
-namespace {
-
-std::size_t live = 0;  // bytes of the heap, its own included
-std::size_t peak = 0;
-
-// Not inlined: the compiler would take free for the wrong way to delete what new gave.
-__attribute__((noinline)) void* Allocate(std::size_t size) {
-    void* memory = std::malloc(size);
-    if (memory != nullptr) peak = std::max(peak, live += malloc_usable_size(memory) + sizeof(std::size_t));
-    return memory;
-}
-__attribute__((noinline)) void Free(void* memory) {
-    if (memory != nullptr) live -= malloc_usable_size(memory) + sizeof(std::size_t);
-    std::free(memory);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    void* memory = Allocate(size);
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size);
-}
-void operator delete(void* memory) noexcept {
-    Free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    Free(memory);
-}
 
 namespace {
 
@@ -72,11 +38,11 @@ TEST(RecordMemory, IsAMultipleOfTheText) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
-        const std::size_t before = live;
-        peak = live;
+        const std::size_t before = liveBytes;
+        peakBytes = before;
         Root root;
         EXPECT_EQ(row.status, Parse(row.text, root));
-        EXPECT_LE(peak - before, row.multiple * row.text.size() + kSchema);
+        EXPECT_LE(peakBytes - before, row.multiple * row.text.size() + kSchema);
         Root copy;  // written and copied as well
         for (kest_tf::RecordData* record : root.records) EXPECT_EQ(STATUS_OK, copy.AddData("record", record));
         for (kest_tf::RecordDataPrune* prune : root.pruneRecords) copy.AddData("prune_record", prune);

@@ -1,7 +1,6 @@
 #include <tests/record/record_test_util.h>
 
 #include <array>
-#include <locale>
 
 namespace {
 
@@ -26,41 +25,38 @@ void CheckRows(int status, const std::vector<Row>& rows) {
 const std::string kA = R"(record { key: "a" value { } })";
 
 TEST(RecordParser, Grammar) {
+    const std::string all = R"(value { scale_d: 0.25 offset_d: -1 scale_w: 0.5 offset_w: 5 shift_bit: 3 cluster: 7 )"
+                            R"(skip_fusion: false dst_type: "INT8" tensor_balance_factor: 2 })";
     CheckRows(
         STATUS_OK,
-        {
-            {"empty", "", ""},
-            {"separators only", " \t\r\n", ""},
-            {"last brace ends the file", "record {\n  key: \"a\"\n}", kA},
-            {"no blanks at : and {", "record{key:\"a\" value{scale_d:1 }}",
-             R"(record { key: "a" value { scale_d: 1 } })"},
-            {"CR LF", "record {\r\n  key: \"a\"\r\n}\r\n", kA},
-            {"tabs, blank before the colon", "\trecord\t{ key :\t\"a\" }", kA},
-            {"what precedes the colon is skipped", "record { key is : a }", kA},
-            {"any order in, fixed order out", R"(record { value { cluster: 7 tensor_balance_factor: 2 dst_type: "INT8"
-          skip_fusion: false shift_bit: 3 offset_w: 5 scale_w: 0.5 offset_d: -1 scale_d: 0.25 } key: "a" })",
-             R"(record { key: "a" value { scale_d: 0.25 offset_d: -1 scale_w: 0.5 offset_w: 5 shift_bit: 3 cluster: 7 )"
-             R"(skip_fusion: false dst_type: "INT8" tensor_balance_factor: 2 } })"},
-            {"scalars keep the last, lists collect, broken runs too",
-             "record { key: a value { scale_d: 1 scale_d: 2 scale_w: 1 scale_w: 2 offset_w: 9 scale_w: 3 } key: b }",
-             R"(record { key: "b" value { scale_d: 2 scale_w: 1 scale_w: 2 scale_w: 3 offset_w: 9 } })"},
-            {"a second value block replaces the first", "record { key: a value { scale_d: 1 } value { scale_w: 2 } }",
-             R"(record { key: "a" value { scale_w: 2 } })"},
-            {"one key twice", "record { key: a } record { key: a }", kA + " " + kA},
-            {"braces in quotes do not count", "record { key: \"}a{\" }", R"(record { key: "}a{" value { } })"},
-            {"first to last quote", "record { key: x\"a\"\"b\"y }", R"(record { key: "a""b" value { } })"},
-            {"one quote: what follows it", "record { key: x\"b\n key: y\"a }", kA},
-            {"an empty key has no line", "record { key: \"\" }", "record { value { } }"},
-            {"true alone is true", "record { value { skip_fusion: true } } record { value { skip_fusion: True } }",
-             "record { value { skip_fusion: true } } record { value { skip_fusion: false } }"},
-            {"no text from an earlier record",
-             "record { key: b value { dst_type: x } } record { key: a } record { value { offset_d: 2 } }",
-             R"(record { key: "b" value { dst_type: "x" } } )" + kA + " record { value { offset_d: 2 } }"},
-            {"NUL is a character", {"record { key: \0 }", 17}, {"record { key: \"\0\" value { } }", 29}},
-            {"a scalar in braces", "record { key: a value { offset_d { 7 } } }",
-             R"(record { key: "a" value { offset_d: 7 } })"},
-            {"a block as a token", "record: value{} prune_record: x ", "record { value { } } prune_record {x}"},
-        });
+        {{"empty", "", ""},
+         {"separators only", " \t\r\n", ""},
+         {"no blanks at : and {", "record{key:\"a\" value{scale_d:1 }}", R"(record { key: "a" value { scale_d: 1 } })"},
+         {"CR LF, last brace ends the file", "record {\r\n  key: \"a\"\r\n}", kA},
+         {"tabs, blank before the colon", "\trecord\t{ key :\t\"a\" }", kA},
+         {"what precedes the colon is skipped", "record { key is : a }", kA},
+         {"any order in, fixed order out", R"(record { value { cluster: 7 tensor_balance_factor: 2 dst_type: "INT8"
+           skip_fusion: false shift_bit: 3 offset_w: 5 scale_w: 0.5 offset_d: -1 scale_d: 0.25 } key: "a" })",
+          "record { key: \"a\" " + all + " }"},
+         {"scalars keep the last, lists collect, broken runs too",
+          "record { key: a value { scale_d: 1 scale_d: 2 scale_w: 1 scale_w: 2 offset_w: 9 scale_w: 3 } key: b }",
+          R"(record { key: "b" value { scale_d: 2 scale_w: 1 scale_w: 2 scale_w: 3 offset_w: 9 } })"},
+         {"a second value block replaces the first", "record { value { scale_d: 1 } value { scale_w: 2 } }",
+          "record { value { scale_w: 2 } }"},
+         {"one key twice", "record { key: a } record { key: a }", kA + " " + kA},
+         {"braces in quotes do not count", "record { key: \"}a{\" }", R"(record { key: "}a{" value { } })"},
+         {"first to last quote", "record { key: x\"a\"\"b\"y }", R"(record { key: "a""b" value { } })"},
+         {"one quote: what follows it", "record { key: x\"b\n key: y\"a }", kA},
+         {"an empty key has no line", "record { key: \"\" }", "record { value { } }"},
+         {"true alone is true", "record { value { skip_fusion: true } } record { value { skip_fusion: True } }",
+          "record { value { skip_fusion: true } } record { value { skip_fusion: false } }"},
+         {"no text from an earlier record",
+          "record { key: b value { dst_type: x } } record { key: a } record { value { offset_d: 2 } }",
+          R"(record { key: "b" value { dst_type: "x" } } )" + kA + " record { value { offset_d: 2 } }"},
+         {"any other character", "record { key: '/#\\,\xff }", "record { key: \"'/#\\,\xff\" value { } }"},
+         {"NUL is a character", {"record { key: \0 }", 17}, {"record { key: \"\0\" value { } }", 29}},
+         {"a scalar in braces", "record { value { offset_d { 7 } } }", "record { value { offset_d: 7 } }"},
+         {"a block as a token", "record: value{} prune_record: x ", "record { value { } } prune_record {x}"}});
     Root root;
     EXPECT_EQ(STATUS_OK, Parse("prune_record {\n  x { \"}\" }\t}record { key: a }", root));
     EXPECT_EQ("record {\n  key: \"a\"\n  value {\n  }\n}\nprune_record {\n  x { \"}\" }\t}\n", root.Dump());
@@ -68,52 +64,44 @@ TEST(RecordParser, Grammar) {
 
 TEST(RecordParser, Malformed) {
     CheckRows(RECORD_UNKNOWN_FIELD,
-              {
-                  {"comment", kA + "# x\n", kA},
-                  {"unknown name behind the entries", kA + "x ", kA},
-                  {"unknown name at the very end", kA + "x", kA},
-                  {"upper case", "Record { }", ""},
-                  {"vertical tab does not separate", "\vrecord { }", ""},
-                  {"no name", ": 1 ", ""},
-                  {"no name", "{ }", ""},
-                  {"closing brace too many", kA + "}\n", kA},
-                  {"blank in a key", "record { key: \"a b\" }", ""},
-                  {"field of no schema", kA + "record { key: b value { op_data_type: 'FLOAT16' } }", kA},
-                  {"field of another block", "record { scale_d: 1 }", ""},
-                  {"longer than a known name", "record { value { scale_w: 1 scale_wx: 2 } }", ""},
-                  {"block with a colon", "record { key: a value: { scale_d: 1 } }", ""},
-                  {"block with a colon, glued", "record { key: a value:{scale_d:1 } }", ""},
-                  {"block with a colon, up to the brace", "record { value: {}}", ""},
-                  {"block with a colon at the very end", "record:{", ""},
-                  {"prune block with a colon", "prune_record: {} ", ""},
-              });
+              {{"comment", kA + "# x\n", kA},
+               {"unknown name at the very end", kA + "x", kA},
+               {"upper case", "Record { }", ""},
+               {"vertical tab does not separate", "\vrecord { }", ""},
+               {"no name", ": 1 ", ""},
+               {"closing brace too many", kA + "}\n", kA},
+               {"blank in a key", "record { key: \"a b\" }", ""},
+               {"field of no schema", kA + "record { key: b value { op_data_type: 'FLOAT16' } }", kA},
+               {"field of another block", "record { scale_d: 1 }", ""},
+               {"longer than a known name", "record { value { scale_w: 1 scale_wx: 2 } }", ""},
+               {"block with a colon", "record { key: a value: { scale_d: 1 } }", ""},
+               {"block with a colon, up to the brace", "record { value:{}}", ""},
+               {"block with a colon at the very end", "record:{", ""},
+               {"prune block with a colon", "prune_record: {} ", ""}});
     CheckRows(RECORD_DATA_ERROR,
-              {
-                  {"no closing brace", kA + "record { key: b ", kA},
-                  {"closing brace in an open quote", "record { key: x\"a\"b\"y }", ""},
-                  {"value touches the brace", "record { key: a value { scale_d: 1} }", ""},
-                  {"list item touches the brace", "record { key: a value { scale_w: 1 scale_w: 2} }", ""},
-                  {"no value", "record { key: }", ""},
-                  {"no colon", "record { key }", ""},
-                  {"name at the very end", kA + "record", kA},
-                  {"name touches the brace", "record { key: a value{scale_w}}", ""},
-                  {"name touches the brace, in a run", "record { key: a value{scale_w:1 scale_w}}", ""},
-              });
+              {{"closing brace in an open quote", "record { key: x\"a\"b\"y }", ""},
+               {"value touches the brace", "record { key: a value { scale_d: 1} }", ""},
+               {"list item touches the brace", "record { key: a value { scale_w: 1 scale_w: 2} }", ""},
+               {"no value", "record { key: }", ""},
+               {"no colon", "record { key }", ""},
+               {"name touches the brace", "record { key: a value{scale_w}}", ""},
+               {"name touches the brace, in a run", "record { key: a value{scale_w:1 scale_w}}", ""}});
 }
 
 TEST(RecordParser, EveryPrefix) {
-    const std::string entries[] = {R"(record { key: "a/b" value { scale_d: 1 dst_type: "INT8" } })",
-                                   R"(prune_record {"}" {}})", "record { value { shift_bit: 3 shift_bit: 4 } }"};
-    const std::string text = entries[0] + entries[1] + entries[2];
-    std::size_t whole = 0, numEntries = 0;  // the entries before the cut, and their length
-    for (std::size_t length = 0; length <= text.size(); ++length) {
-        SCOPED_TRACE(text.substr(0, length));
-        if (numEntries < 3 && length == whole + entries[numEntries].size()) whole += entries[numEntries++].size();
-        Root root;
-        const int status = Parse(text.substr(0, length), root);
-        EXPECT_EQ(length == whole, status == STATUS_OK);
-        EXPECT_TRUE(status == STATUS_OK || status == RECORD_DATA_ERROR || status == RECORD_UNKNOWN_FIELD) << status;
-        EXPECT_EQ(numEntries, root.records.size() + root.pruneRecords.size());
+    std::string before;
+    std::size_t numBefore = 0;
+    for (const std::string entry : {R"(record { key: "a/b" value { scale_d: 1 dst_type: "INT8" } })",
+                                    R"(prune_record {"}" {}})", "record { value { shift_bit: 3 shift_bit: 4 } }"}) {
+        for (std::size_t length = 1; length <= entry.size(); ++length) {
+            Root root;
+            const int status = Parse(before + entry.substr(0, length), root);
+            const bool isWhole = length == entry.size();
+            EXPECT_TRUE(isWhole ? status == STATUS_OK : status == RECORD_DATA_ERROR || status == RECORD_UNKNOWN_FIELD);
+            EXPECT_EQ(numBefore + isWhole, root.records.size() + root.pruneRecords.size()) << before << length;
+        }
+        before += entry;
+        ++numBefore;
     }
 }
 
@@ -121,6 +109,7 @@ TEST(RecordParser, EveryPrefix) {
 template <typename T>
 T FromStream(const std::string& token) {
     std::istringstream stream(token);
+    stream.imbue(std::locale::classic());
     T value = 0;
     stream >> value;
     return value;
@@ -143,6 +132,7 @@ TEST(RecordParser, NumbersAreThoseOfAStream) {
         std::snprintf(number.data(), number.size(), "%.*g", static_cast<int>(1 + random() % 17), x);
         tokens.emplace_back(number.data());
     }
+    const CommaLocale comma;  // reaches no file
     for (std::string& token : tokens) {
         FloatData f("f", FIELD_FLOAT, 0);
         IntData i("i", FIELD_INT, 0);

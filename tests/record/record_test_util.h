@@ -6,12 +6,17 @@
 #include <kest/record/record_update.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <tests/test_util.h>
+#include <unistd.h>
 
+#include <clocale>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <locale>
 #include <sstream>
 
 /// A directory of the test's own that every user may write to; goes with the object.
@@ -51,14 +56,21 @@ inline std::string Flat(const std::string& text) {
     return flat;
 }
 
-/// Offers `leaf` a value of each type; it takes the one of its own.
-inline void AddEach(kest_tf::Data& leaf, float f, int i, unsigned long u, bool b, std::string text) {
-    leaf.AddData("", f);
-    leaf.AddData("", i);
-    leaf.AddData("", u);
-    leaf.AddData("", b);
-    leaf.AddData("", text);
+/// The entry of a layer, as it is written.
+inline std::string Record(const std::string& layer, const std::string& lines) {
+    return "record {\n  key: \"" + layer + "\"\n  value {\n" + lines + "  }\n}\n";
 }
+
+const float kFloats[] = {0.5f, 2};
+const int kInts[] = {-1, 7};
+const std::function<int(const std::string& layer, const std::string& file)> kUpdates[] = {
+    [](auto&... names) { return KestTfOp::WriteDataToRecordFile(kFloats, kInts, names..., "INT8"); },
+    [](auto&... names) { return KestTfOp::WriteDataToRecordFile(kFloats, kInts, names..., "hide"); },
+    [](auto&... names) { return KestTfOp::WriteWeightToRecordFile(kFloats, kInts, 1, names...); },
+    [](auto&... names) { return KestTfOp::WriteNuqRecordToFile(kFloats + 1, kInts + 1, kInts, 1, 2, names...); },
+    [](auto&... names) { return KestTfOp::WriteShiftNToRecordFile(kInts, 2, names...); },
+    [](auto&... names) { return KestTfOp::WriteTensorBalanceFactorToRecordFile(kFloats, 2, names...); },
+    [](auto&... names) { return KestTfOp::WriteShiftNToRecordFile(kInts, -1, names...); }};
 
 struct Root : kest_tf::InnerData {
     Root() : InnerData("InnerScaleOffsetRecord", kest_tf::FIELD_MESSAGE, 0) {}
@@ -69,6 +81,42 @@ inline int Parse(std::string text, kest_tf::InnerData& root) {
     kest_tf::InnerProto parser("InnerScaleOffsetRecord", 0);
     const int status = parser.Init();
     return status == STATUS_OK ? parser.Parse(text, root) : status;
+}
+
+/// Runs `body` in a process of its own.
+inline pid_t Start(const std::function<void()>& body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    return child;
+}
+inline int End(pid_t child) {
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
+
+/// While it lives, the C++ and, where there is one, the C locale write numbers like 1.234,5.
+class CommaLocale {
+public:
+    CommaLocale() {
+        if (std::setlocale(LC_ALL, "de_DE.UTF-8") == nullptr) std::setlocale(LC_ALL, "fr_FR.UTF-8");
+    }
+    ~CommaLocale() { std::locale::global(before_); }  // the C locale as well
+
+private:
+    struct Comma : std::numpunct<char> {
+        char do_decimal_point() const override { return ','; }
+        char do_thousands_sep() const override { return '.'; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    const std::locale before_ = std::locale::global(std::locale(std::locale::classic(), new Comma));
+};
+
+inline long NumOpenFiles() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 /// 1 while no update runs.

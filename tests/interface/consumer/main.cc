@@ -14,8 +14,7 @@ int main() {
         KestCommon::ArqQuant(weights, 2u, KestCommon::ArqParam{8, false, false}, {1, &scale}, {1, &offset});
 
     KestTfOp::InputParam<float> input{{}, 2, weights};
-    int batchIndex = 0;
-    int batchNum = 2;
+    int batchIndex = 0, batchNum = 2;
     const int pending = KestTfOp::QuantIfmrFunctor<util::ThreadPoolDevice, float>()(
         {0, 8, true, 1, 1, 1, 1, 1}, batchIndex, batchNum, input, {nullptr, nullptr, nullptr, nullptr});
 
