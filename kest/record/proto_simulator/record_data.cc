@@ -97,7 +97,7 @@ constexpr ValueField kValueFields[] = {Field<FloatData>("scale_d", FIELD_FLOAT),
 /// Makes of `block`, about to be replaced by a copy of `source`, that copy, without new nodes: most of the time that a
 /// parser spends on a record otherwise. Only for two blocks as Init and Copy build them; false otherwise, and `block`
 /// is then to be replaced.
-bool OverwriteBlock(const ValueData& source, Data* block) {
+bool OverwriteBlock(const ValueData& source, Data& block) {
     const auto isWhole = [](const Data& node) {
         if (typeid(node) != typeid(ValueData) || node.children.size() != std::size(kValueFields)) return false;
         return std::equal(node.children.begin(), node.children.end(), std::begin(kValueFields),
@@ -105,13 +105,13 @@ bool OverwriteBlock(const ValueData& source, Data* block) {
                               return child.first == field.name && child.second != nullptr && field.fits(*child.second);
                           });
     };
-    if (block == nullptr || block == &source || !isWhole(*block) || !isWhole(source)) return false;
+    if (!isWhole(block) || !isWhole(source)) return false;
     for (size_t i = 0; i < std::size(kValueFields); ++i)
-        kValueFields[i].assign(*source.children[i].second, *block->children[i].second);
-    block->name = source.name;
-    block->type = source.type;
-    block->level = source.level;
-    block->hasValue = true;
+        kValueFields[i].assign(*source.children[i].second, *block.children[i].second);
+    block.name = source.name;
+    block.type = source.type;
+    block.level = source.level;
+    block.hasValue = true;
     return true;
 }
 
@@ -369,7 +369,7 @@ int RecordData::AddData(std::string childName, Data* source) {
         Replace(slot, std::move(key));
     } else if (childName == "value") {
         auto* block = As<ValueData>(source);
-        if (block == nullptr || !OverwriteBlock(*block, *slot)) {
+        if (block == nullptr || !OverwriteBlock(*block, **slot)) {
             std::unique_ptr<ValueData> value;
             const int status = CopyBlock(block, value);
             if (status != STATUS_OK) return status;
