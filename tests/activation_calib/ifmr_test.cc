@@ -135,6 +135,7 @@ TEST(Ifmr, FailuresAreNamedAndWriteNothing) {
         {STATUS_BAD_PARAM, "", "", {0, 32, true, 1, 1, 1, 1, 1}, {1}},
         {STATUS_BAD_PARAM, "", "", {0, 8, true, 1, 1, 0, 1, 1}, {1}},
         {STATUS_BAD_PARAM, "", "", {0, 8, true, 1, 1, kInf, 1, 1}, {1}},
+        {STATUS_BAD_PARAM, "", "", {0, 8, true, -1, 1, 1e-9f, 1, 1}, {1}},
         {STATUS_BAD_PARAM, "", "", {0, 8, true, 1, 0.9f, 1, 1, 1}, {1}},
         {STATUS_BAD_PARAM, "", "", {0, 8, true, 1, kInf, 1, 1, 1}, {1}},
         {STATUS_BAD_PARAM, "", "", {0, 8, true, 1, 1, 1, 1, 1}, {1, kNan}},

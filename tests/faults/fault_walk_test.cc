@@ -90,12 +90,9 @@ std::vector<Operation> Operations() {
     };
     const auto fromAddresses = [](auto& a) {
         const char *const path = a.path.c_str(), *const layer = a.layer.c_str();
-        const auto text = [](const char* const& s) -> auto& {
-            return reinterpret_cast<const std::string&>(s);
-        };
         float value = 1;
         int offset = 2;
-        return RecordScaleOffsetWeight(text(path), text(layer), {1, &value}, {1, &offset});
+        return RecordScaleOffsetWeight(AsString(path), AsString(layer), {1, &value}, {1, &offset});
     };
     std::vector<Operation> all = {
         {"parse", ofUpdate, parse, Kind::kReads},
@@ -298,6 +295,18 @@ TEST(Faults, Walk) {
         sum += walk.numFailed[call.name];
     }
     std::printf("%ld fault points\n", sum);
+}
+
+TEST(Faults, ClosingAPipe) {
+    TempDir directory;
+    const std::string pipe = directory / "pipe";
+    ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
+    const int reader = open(pipe.c_str(), O_RDWR);
+    faults[0] = {"close written", EIO, 1};
+    Root root;
+    EXPECT_EQ(RECORD_OPEN_ERROR, kest_tf::WriteToRecordFile(root, pipe));
+    EXPECT_EQ(1, std::exchange(faults[0], {}).fired);
+    close(reader);
 }
 
 }  // namespace

@@ -119,9 +119,23 @@ TEST(DirectWriter, NewBalanceFactorsReplaceAllOldOnes) {
     }
     ExpectEdit(Repeat<int>({1, 2}), kHead + one + "    scale_d: 3 tensor_balance_factor: 4\n" + kRest,
                kHead + one + kFactor + "2\n    scale_d: 3 \n" + kRest);
+    ExpectEdit(Repeat<int>({7}), kHead + kFactor + "1", kHead + kFactor + "7\n    ");  // ends the file
+    ExpectEdit(Repeat<int>({7}, "x"), kHead + one + kRest, kHead + "    x: 7\n" + one + kRest);
     // They stay where they do not open the block, and where they open only another one of the layer.
     for (const std::string& old : {"  tensor_balance_factor: 1\n" + one, scale + one, scale + "  }\n}\n" + kHead + one})
         ExpectEdit(Repeat<int>({7}), kHead + old + kRest, kHead + kFactor + "7\n" + old + kRest);
+}
+
+TEST(DirectWriter, TakesAddressesOfCharacters) {
+    TempDir directory;
+    const std::string file = directory / "file";
+    const char *const path = file.c_str(), *const layer = "conv1", *const none = nullptr;
+    float scale = 2;
+    int offset = 3;
+    WriteText(file, kHead + kRest);
+    EXPECT_EQ(STATUS_OK, RecordScaleOffset(AsString(path), AsString(layer), {1, &scale}, {1, &offset}, 10));
+    EXPECT_EQ(kHead + "    scale_d: 2\n    offset_d: 3\n    op_data_type: 'FLOAT16'\n" + kRest, ReadText(file));
+    EXPECT_EQ(STATUS_FILE_ERROR, RecordScaleOffset(AsString(none), AsString(layer), {1, &scale}, {1, &offset}, 10));
 }
 
 // A file, and what edits make of it: longer, longer by replacement, shorter.

@@ -14,6 +14,7 @@ void CheckLeaf(FieldType type, T value) {
     EXPECT_FALSE(target.HasValue());
     EXPECT_EQ(RECORD_DATA_ERROR, target.AddData("x", &stranger));
     EXPECT_TRUE(target.HasValue()) << "the flag is set before the class is looked at";
+    EXPECT_EQ(STATUS_OK, target.Copy(stranger)) << "which a leaf does not override";
     target.ClearData();
     EXPECT_FALSE(target.HasValue());
     source.AddData("any name", value);
@@ -96,11 +97,51 @@ TEST(RecordData, Blocks) {
     RecordData half("record", FIELD_RECORD, 0);
     EXPECT_EQ(RECORD_DATA_ERROR, half.Copy(*record));
     EXPECT_EQ(1u, half.children.size()) << "the key stays";
+    EXPECT_EQ(RECORD_DATA_ERROR, record->AddData("value", record));
+    EXPECT_EQ(STATUS_OK, record->Data::Init());
+    record->children.emplace_back("more", new StringData("more", FIELD_STRING, 1));
+    EXPECT_EQ(STATUS_OK, record->AddData("more", record)) << "passed over";
+    EXPECT_TRUE(record->hasValue);
+    EXPECT_EQ("record { key: \"conv1\" }", Flat(record->Dump()));
+    record->ClearData();
+    EXPECT_FALSE(record->HasValue());
+    ValueData none("value", FIELD_MESSAGE, 1);
+    RecordData("record", FIELD_RECORD, 0).SetKey("x");
+    none.SetScaleD(1);
+    none.AddOffsetW(1);
+    none.ClearScaleW();
     partial.SetOffsetD(1);
     partial.AddScaleW(1);
     partial.ClearOffsetW();
     KestTfOp::AddScaleOffsetCluster(partial, nullptr, nullptr, nullptr, 0, 0);
     EXPECT_EQ("value { scale_d: 0.5 }", Flat(partial.Dump()));
+}
+
+/// A block that is not as Init and Copy build them makes way for a copy, or gives one if the fields are there.
+TEST(RecordData, OddBlocks) {
+    using Children = std::vector<std::pair<std::string, Data*>>;
+    const std::pair<bool, void (*)(Children & record, Children & fields)> rows[] = {
+        {true, [](auto&, auto& fields) { fields[0].second->children.emplace_back("x", nullptr); }},
+        {false, [](auto&, auto& fields) { delete fields[8].second, fields.pop_back(); }},
+        {false, [](auto&, auto& fields) { fields[2].first = "x"; }},
+        {false, [](auto&, auto& fields) { delete std::exchange(fields[0].second, nullptr); }},
+        {false, [](auto&, auto& fields) { std::swap(fields[0].second, fields[1].second); }},
+        {false, [](auto& record, auto&) { delete std::exchange(record[1].second, new BoolData("b", FIELD_BOOL, 1)); }}};
+    for (const auto& [givesCopy, change] : rows) {
+        Root root;
+        RecordData *const odd = root.AddRecord(), *const record = root.AddRecord();
+        odd->Value()->SetOffsetD(1);
+        record->Value()->SetOffsetD(2);
+        change(odd->children, odd->Value()->children);
+        EXPECT_EQ(givesCopy ? STATUS_OK : RECORD_DATA_ERROR, record->AddData("value", odd->children[1].second));
+        EXPECT_EQ(STATUS_OK, odd->AddData("value", record->Value()));
+        EXPECT_EQ(STATUS_OK, odd->AddData("value", odd->Value())) << "its own";
+        for (RecordData* each : root.records) {
+            EXPECT_EQ(givesCopy ? "record { value { offset_d: 1 } }" : "record { value { offset_d: 2 } }",
+                      Flat(each->Dump()));
+            EXPECT_TRUE(each->Value()->children[0].second->children.empty());
+        }
+    }
 }
 
 TEST(RecordData, RootEntries) {
@@ -113,9 +154,13 @@ TEST(RecordData, RootEntries) {
     EXPECT_EQ("prune_record { raw }\n", root.Dump());
     EXPECT_EQ(RECORD_DATA_ERROR, root.AddData("record", &prune));
     EXPECT_EQ(RECORD_DATA_ERROR, prune.Copy(root));
+    EXPECT_EQ(STATUS_OK, static_cast<Data&>(prune).AddData("x", &root)) << "which it does not override";
     EXPECT_EQ("", LogOf([&] { EXPECT_EQ(RECORD_DATA_ERROR, root.AddData("records", nullptr)); }));
     EXPECT_EQ("Error raised from proto_simulator\n",
               LogOf([&] { EXPECT_EQ(RECORD_UNKNOWN_FIELD, root.AddData("records", &prune)); }));
+    root.records.push_back(nullptr);
+    root.pruneRecords.push_back(nullptr);
+    EXPECT_EQ("prune_record { raw }\n", root.Dump());
     root.AddRecord();
     root.ClearData();
     EXPECT_FALSE(root.HasValue());

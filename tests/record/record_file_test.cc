@@ -66,6 +66,10 @@ TEST(RecordFile, OddPaths) {
     const std::string longName = directory / std::string(255, 'n');
     EXPECT_EQ(STATUS_OK, WriteToRecordFile(root, longName));
     EXPECT_EQ(root.Dump(), ReadText(longName));
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(directory.Path());
+    EXPECT_EQ(STATUS_OK, WriteToRecordFile(root, std::string(255, 'n'))) << "no slash in it";
+    std::filesystem::current_path(before);
     const std::pair<std::string, int> rows[] = {// and what reading gives
                                                 {"", RECORD_PATH_ERROR},
                                                 {directory / "", RECORD_OPEN_ERROR},

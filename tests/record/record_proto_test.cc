@@ -84,6 +84,7 @@ TEST(RecordParser, Malformed) {
                {"list item touches the brace", "record { key: a value { scale_w: 1 scale_w: 2} }", ""},
                {"no value", "record { key: }", ""},
                {"no colon", "record { key }", ""},
+               {"nothing behind the colon", "record:", ""},
                {"name touches the brace", "record { key: a value{scale_w}}", ""},
                {"name touches the brace, in a run", "record { key: a value{scale_w:1 scale_w}}", ""}});
 }
@@ -103,6 +104,30 @@ TEST(RecordParser, EveryPrefix) {
         before += entry;
         ++numBefore;
     }
+}
+
+/// Parsers and nodes that a caller put into a schema.
+TEST(RecordParser, ForeignSchema) {
+    struct NoTwo : FloatProto {
+        NoTwo() : FloatProto("scale_w", 0) {}
+        int Parse(std::string& text, Data& node) override {
+            return text == "2" ? RECORD_OPEN_ERROR : FloatProto::Parse(text, node);
+        }
+    };
+    ValueProto parser("value", 0);
+    ValueData value("value", FIELD_MESSAGE, 0);
+    std::string text = "scale_w: 1 scale_w: 2 ", odd = "odd: 1 ";
+    EXPECT_TRUE(parser.Init() == STATUS_OK && value.Init() == STATUS_OK);
+    delete std::exchange(parser.schema["scale_w"].first, new NoTwo);
+    EXPECT_EQ(RECORD_OPEN_ERROR, parser.Parse(text, value));
+    EXPECT_EQ("value { scale_w: 1 }", Flat(value.Dump()));
+    auto& [reader, scratch] = parser.schema["odd"];
+    EXPECT_TRUE(parser.Init() == RECORD_DATA_ERROR && parser.Parse(odd, value) == RECORD_DATA_ERROR);
+    reader = new StringProto("odd", 0);
+    EXPECT_TRUE(parser.Init() == RECORD_DATA_ERROR && parser.Parse(odd, value) == RECORD_DATA_ERROR);
+    scratch = new ValueData("odd", FIELD_STRING, 0);
+    scratch->children.emplace_back("none", nullptr);
+    EXPECT_EQ(RECORD_DATA_ERROR, parser.Parse(odd, value)) << "the block has no such field";
 }
 
 /// What a stream in the classic locale reads from `token`.

@@ -72,6 +72,11 @@ const std::function<int(const std::string& layer, const std::string& file)> kUpd
     [](auto&... names) { return KestTfOp::WriteTensorBalanceFactorToRecordFile(kFloats, 2, names...); },
     [](auto&... names) { return KestTfOp::WriteShiftNToRecordFile(kInts, -1, names...); }};
 
+/// For what some callers pass: the address of a character pointer in place of a string.
+inline const std::string& AsString(const char* const& text) {
+    return reinterpret_cast<const std::string&>(text);
+}
+
 struct Root : kest_tf::InnerData {
     Root() : InnerData("InnerScaleOffsetRecord", kest_tf::FIELD_MESSAGE, 0) {}
 };

@@ -64,6 +64,7 @@ TEST(RecordUpdate, WritesNothingThatCannotBeReadBack) {
                 {"", "a\"b", "INT8", RECORD_DATA_ERROR},
                 {"", "a", "a b", RECORD_DATA_ERROR},
                 {"", "a", "\"}\"{\"", RECORD_DATA_ERROR},
+                {"", "\"{\"", "INT8", RECORD_DATA_ERROR},
                 {"", "a\"b\"c", "{}}", STATUS_OK},
                 {"record { key { a b } }", "a", "INT8", RECORD_DATA_ERROR},
                 {"record { key: x\"a\"b\"y }", "a", "INT8", RECORD_DATA_ERROR},
