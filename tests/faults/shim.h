@@ -143,5 +143,8 @@ void operator delete(void* memory) noexcept {
 void operator delete(void* memory, size_t) noexcept {
     Free(memory);
 }
+void operator delete(void* memory, const std::nothrow_t&) noexcept {  // after a constructor that throws
+    Free(memory);
+}
 
 #endif  // KEST_TESTS_FAULTS_SHIM_H_
