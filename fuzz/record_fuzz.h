@@ -1,10 +1,10 @@
 #ifndef KEST_FUZZ_RECORD_FUZZ_H_
 #define KEST_FUZZ_RECORD_FUZZ_H_
 
-#include <kest/record/proto_simulator/record_proto.h>
 #include <kest/record/proto_simulator/record_writer.h>
 
 #include <fuzzer/FuzzedDataProvider.h>
+#include <tests/record/parse.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -22,16 +22,6 @@ inline void Require(bool holds, const char* rule) {
     if (holds) return;
     std::cerr << "broken: " << rule << std::endl;
     std::abort();
-}
-
-struct Root : kest_tf::InnerData {
-    Root() : InnerData("InnerScaleOffsetRecord", kest_tf::FIELD_MESSAGE, 0) {}
-};
-
-inline int Parse(std::string text, kest_tf::InnerData& root) {
-    kest_tf::InnerProto parser("InnerScaleOffsetRecord", 0);
-    const int status = parser.Init();
-    return status == STATUS_OK ? parser.Parse(text, root) : status;
 }
 
 inline std::string& KeyOf(const kest_tf::RecordData& record) {

@@ -1,12 +1,12 @@
 #ifndef KEST_TESTS_RECORD_RECORD_TEST_UTIL_H_
 #define KEST_TESTS_RECORD_RECORD_TEST_UTIL_H_
 
-#include <kest/record/proto_simulator/record_proto.h>
 #include <kest/record/proto_simulator/record_writer.h>
 #include <kest/record/record_update.h>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <tests/record/parse.h>
 #include <tests/test_util.h>
 #include <unistd.h>
 
@@ -75,17 +75,6 @@ const std::function<int(const std::string& layer, const std::string& file)> kUpd
 /// For what some callers pass: the address of a character pointer in place of a string.
 inline const std::string& AsString(const char* const& text) {
     return reinterpret_cast<const std::string&>(text);
-}
-
-struct Root : kest_tf::InnerData {
-    Root() : InnerData("InnerScaleOffsetRecord", kest_tf::FIELD_MESSAGE, 0) {}
-};
-
-/// Parses the text of a file.
-inline int Parse(std::string text, kest_tf::InnerData& root) {
-    kest_tf::InnerProto parser("InnerScaleOffsetRecord", 0);
-    const int status = parser.Init();
-    return status == STATUS_OK ? parser.Parse(text, root) : status;
 }
 
 /// Runs `body` in a process of its own.
