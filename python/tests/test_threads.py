@@ -1,7 +1,9 @@
 """What threads share: the interpreter while a kernel runs, and objects that sum up batches."""
 
 import copy
+import os
 import pickle
+import subprocess
 import sys
 import threading
 from concurrent.futures import ThreadPoolExecutor
@@ -74,3 +76,19 @@ def test_another_thread_runs_while_a_kernel_does(call, switch_interval):
         call()
     assert ran.is_set()
     thread.join()
+
+
+FORKING = """
+import os, signal, kest, numpy as np
+rows = np.linspace(-1, 1, 1 << 18, dtype=np.float32).reshape(-1, 64)
+wanted = kest.softmax.rows(rows)
+child = os.fork()
+if child == 0:
+    signal.alarm(30)
+    os._exit(int((kest.softmax.rows(rows) != wanted).any()))
+raise SystemExit(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
+"""
+
+
+def test_a_forked_child_computes():
+    subprocess.run([sys.executable, "-c", FORKING], env={**os.environ, "OMP_NUM_THREADS": "3"}, check=True)

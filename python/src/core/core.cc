@@ -1,5 +1,7 @@
 #include "core.h"
 
+#include <omp.h>
+
 namespace core {
 namespace {
 
@@ -24,6 +26,7 @@ void Translate(const std::exception_ptr& exception, void* /*payload*/) {
 
 NB_MODULE(_core, module) {
     nanobind::register_exception_translator(core::Translate);
+    module.def("use_one_thread", [] { omp_set_num_threads(1); });
     core::BindArq(module);
     core::BindBalance(module);
     core::BindDeployed(module);
