@@ -28,12 +28,15 @@ std::vector<int> GroupOfChannel(const KestCommon::PruneParam& param) {
         groups.insert(groups.end(), param.groupChannels[group], group);
     return groups;
 }
+int InnerJump(Case& c) {
+    return c.Odd(1 + c.Below(c.OneIn(4) ? 200 : 9));
+}
 template <typename T>
 std::vector<T> SumNorm(Case& c) {
     const KestCommon::PruneParam param = Groups(c);
     std::vector<T> scores = c.Vector<T>(c.k);
     const T* const data = c.Values<T>(c.Large(1 << 16));
-    Call{c,      KestCommon::ComputeSumNorm<T>, c.Odd(1 + c.Below(60)), param, c.n, data, std::vector<T>(c.k),
+    Call{c,      KestCommon::ComputeSumNorm<T>, InnerJump(c), param, c.n, data, std::vector<T>(c.k),
          scores, GroupOfChannel(param)};
     return scores;
 }
@@ -61,7 +64,7 @@ int RemainOut(Case& c) {
     for (int i = c.Below(4); i > 0; --i) {
         lengths.push_back(c.Large(1 << 16));
         tensors.push_back(c.Values<T>(c.n));
-        innerJumps.push_back(c.Odd(1 + c.Below(9)));
+        innerJumps.push_back(InnerJump(c));
     }
     const auto masks = Masks<T>(c, param, [&](int n) { return c.Out<T>(n); });
     return KestCommon::ComputeRemainOut<Device, T>()(tensors, lengths, innerJumps, param, masks);
