@@ -1,6 +1,7 @@
 #include <kest/activation_calib/ifmr.h>
 
 #include "bench.h"
+#include "plain_ifmr.h"
 
 #include <algorithm>
 #include <cmath>
@@ -35,7 +36,7 @@ Result KestSearch(const float* x, std::size_t n, const IfmrParam& param) {
     return result;
 }
 
-/// The formulas of ifmr.h: a partial sort for the bounds, one pass and one buffer of terms a candidate. 8 bits.
+/// A partial sort for the bounds, then the search. 8 bits.
 Result PlainSearch(const float* x, std::size_t n, const IfmrParam& param) {
     std::vector<float> copy(x, x + n);
     const auto rank = static_cast<std::ptrdiff_t>(RankOf(n, param.maxPercentile));
@@ -44,32 +45,9 @@ Result PlainSearch(const float* x, std::size_t n, const IfmrParam& param) {
     copy.assign(x, x + n);
     std::partial_sort(copy.begin(), copy.begin() + rank, copy.end());
     const float min = std::min(copy[rank - 1], 0.0f);
-    const float bound = std::max(max, -min);
-    const float levels = param.withOffset ? 255.0f : (max > -min ? 127.0f : 128.0f);
-
-    const auto numRatios = static_cast<int>((param.endRatio - param.startRatio) / param.step + 1.0f);
-    std::vector<float> terms(n);
-    float bestLoss = 0;
-    float bestRatio = 0;
-    for (int k = 0; k < numRatios; ++k) {
-        const float ratio = std::fma(static_cast<float>(k), param.step, param.startRatio);
-        const float above = ratio * (param.withOffset ? max : bound);
-        const float below = param.withOffset ? min : -above;
-        const float scale = (param.withOffset ? above - below : above) / levels;
-        for (std::size_t i = 0; i < n; ++i) {
-            const float y = x[i] < below ? below : (x[i] > above ? above : x[i]);
-            const float error = std::round(y / scale) * scale - x[i];
-            terms[i] = error * error / static_cast<float>(n);
-        }
-        float loss = 0;
-        for (std::size_t i = 0; i < n; ++i) loss += terms[i];
-        if (k == 0 || loss < bestLoss) {
-            bestLoss = loss;
-            bestRatio = ratio;
-        }
-    }
-    if (!param.withOffset) return {bestRatio * bound / levels, 0};
-    const float scale = std::fma(max, bestRatio, -min) / levels;
+    const float ratio = PlainBestRatio(x, n, {max, min}, param);
+    if (!param.withOffset) return {ratio * std::max(max, -min) / (max > -min ? 127.0f : 128.0f), 0};
+    const float scale = std::fma(max, ratio, -min) / 255.0f;
     return {scale, static_cast<int>(-std::round(min / scale)) - 128};
 }
 

@@ -1,11 +1,10 @@
 #include <kest/weight_quant/nuq.h>
 
 #include "bench.h"
+#include "plain_kmeans.h"
 
 #include <algorithm>
-#include <cfloat>
 #include <cmath>
-#include <cstdint>
 #include <numeric>
 #include <string>
 #include <utility>
@@ -36,91 +35,6 @@ void KestNuq(Floats& weights, Floats& scales, int numRounds) {
 
 // The plain rival, straight from the formulas in nuq.h and arq.h.
 
-double SquaredDistance(float x, float y) {
-    const double difference = x - y;
-    return difference * difference;
-}
-
-float PlainMedian(Floats values) {
-    const std::size_t middle = values.size() / 2;
-    std::nth_element(values.begin(), values.begin() + middle, values.end());
-    if (values.size() % 2 == 1) return values[middle];
-    return (*std::max_element(values.begin(), values.begin() + middle) + values[middle]) * 0.5f;
-}
-
-/// The sum of the distances in 32 bits: truncated after each step, saturated.
-float Potential(const Floats& distances) {
-    int sum = 0;
-    for (const float distance : distances) {
-        const float next = static_cast<float>(sum) + distance;
-        sum = next < 0x1p31f ? static_cast<int>(next) : INT32_MAX;
-    }
-    return static_cast<float>(sum);
-}
-
-Floats PlainSeeds(const Floats& x) {
-    const std::size_t n = x.size();
-    const auto numCandidates = static_cast<int>(std::log(kNumClusters)) + 2;
-    Floats centres{PlainMedian(x)};
-    Floats candidates(numCandidates);
-    Floats distances(n);
-    Floats sums(n);
-    Floats nearer(n);
-    for (std::size_t i = 0; i < n; ++i) distances[i] = static_cast<float>(SquaredDistance(x[i], centres[0]));
-    while (centres.size() < kNumClusters) {
-        std::partial_sum(distances.begin(), distances.end(), sums.begin());
-        const auto unit = static_cast<float>(sums.back() / (numCandidates + 1.0));
-        float best = 0;
-        float smallest = 0;
-        for (int t = 0; t < numCandidates; ++t) {
-            const float threshold = static_cast<float>(t + 1) * unit;
-            const auto above = std::find_if(sums.begin(), sums.end(), [=](float sum) { return sum > threshold; });
-            if (above != sums.end()) candidates[t] = x[above - sums.begin()];
-            for (std::size_t i = 0; i < n; ++i)
-                nearer[i] = static_cast<float>(std::min<double>(distances[i], SquaredDistance(x[i], candidates[t])));
-            const float potential = Potential(nearer);
-            if (t > 0 && potential >= smallest) continue;
-            smallest = potential;
-            best = candidates[t];
-        }
-        centres.push_back(best);
-        for (std::size_t i = 0; i < n; ++i)
-            distances[i] = static_cast<float>(std::min<double>(distances[i], SquaredDistance(x[i], best)));
-    }
-    return centres;
-}
-
-std::size_t NearestTo(float x, const Floats& centres) {
-    std::size_t nearest = 0;
-    for (std::size_t k = 1; k < centres.size(); ++k)
-        if (std::fabs(x - centres[k]) < std::fabs(x - centres[nearest])) nearest = k;
-    return nearest;
-}
-
-void PlainKmeans(Floats& x, const std::vector<double>& importance) {
-    Floats centres = PlainSeeds(x);
-    Floats previous(kNumClusters);
-    std::vector<std::size_t> nearest(x.size());
-    for (int update = 0; update < 200; ++update) {
-        for (std::size_t i = 0; i < x.size(); ++i) nearest[i] = NearestTo(x[i], centres);
-        float shift = 0;
-        for (std::size_t k = 0; k < kNumClusters; ++k) shift += std::fabs(centres[k] - previous[k]);
-        if (shift < 1e-6) break;
-        previous = centres;
-        Floats sums(kNumClusters);
-        Floats sumsOfImportance(kNumClusters);
-        for (std::size_t i = 0; i < x.size(); ++i) {
-            float& sum = sumsOfImportance[nearest[i]];
-            sum = static_cast<float>(sum + importance[i]);
-            sums[nearest[i]] += static_cast<float>(x[i] * importance[i]);
-        }
-        for (std::size_t k = 0; k < kNumClusters; ++k)
-            centres[k] = sumsOfImportance[k] < FLT_EPSILON ? sums[k] : sums[k] / sumsOfImportance[k];
-    }
-    for (float& centre : centres) centre = std::round(centre);
-    for (float& value : x) value = centres[NearestTo(value, centres)];
-}
-
 std::vector<double> Importance(std::size_t n, const Floats& scales) {
     const double smallest = *std::min_element(scales.begin(), scales.end());
     std::vector<double> channels;
@@ -146,7 +60,7 @@ void PlainNuq(Floats& weights, Floats& scales, int numRounds) {
     Floats grid(n);
     for (int round = 0; round < numRounds; ++round) {
         for (std::size_t i = 0; i < n; ++i) grid[i] = std::clamp(weights[i] / scales[i / length], -128.0f, 127.0f);
-        PlainKmeans(grid, Importance(n, scales));
+        PlainKmeans(grid, kNumClusters, Importance(n, scales));
         for (std::size_t c = 0; c < scales.size(); ++c) {
             float product = 0;
             float square = 0;

@@ -1,5 +1,6 @@
 #include <kest/activation_calib/ifmr.h>
 
+#include <benchmarks/plain_ifmr.h>
 #include <omp.h>
 #include <tests/test_util.h>
 
@@ -198,46 +199,15 @@ TEST(Ifmr, ASkippedRatioLeavesTheSearchAndAllSkippedFailAtTheEnd) {
         LogOf([&] { ExpectFactors(kInf, -77, Calibrate(data, twoRatios), STATUS_SCALE_ERROR); }));
 }
 
-/// The ratio of the smallest loss, the first one of equal ones and where all are skipped.
-template <typename T>
-float PlainSearch(std::vector<T>& x, const IfmrParam& param) {
-    MaxMinValue<T> range{};
-    const auto n = static_cast<unsigned int>(x.size());
-    EXPECT_EQ(STATUS_OK, KestCommon::FindMaxAndMinValueWithPercentile(x.data(), n, range, param.maxPercentile,
-                                                                      param.minPercentile));
-    const bool positive = std::fabs(range.maxValue) > std::fabs(range.minValue);
-    const float bound = static_cast<float>(std::fabs(positive ? range.maxValue : range.minValue));
-    const T half = std::ldexp(T{1}, static_cast<int>(param.numBits) - 1);
-    const T levels = param.withOffset ? 2 * half - 1 : positive ? half - 1 : half;
-    const auto numRatios = static_cast<int>((param.endRatio - param.startRatio) / param.step + 1.0f);
-    float best = kNan, bestLoss = 0;
-    for (int k = 0; k < numRatios; ++k) {
-        const float ratio = std::fma(static_cast<float>(k), param.step, param.startRatio);
-        const T clip = param.withOffset ? ratio * range.maxValue : static_cast<T>(ratio * bound);
-        const T low = param.withOffset ? range.minValue : -clip;
-        T scale = (param.withOffset ? clip - low : clip) / levels;
-        if (param.withOffset && scale < 0) continue;
-        if (scale < std::numeric_limits<T>::epsilon()) scale = 1;
-        if (scale > 1 / std::numeric_limits<T>::epsilon()) continue;
-        float loss = 0;
-        for (const T value : x) {
-            const T code = std::round((value < low ? low : value > clip ? clip : value) / scale);
-            const T error = std::is_same_v<T, float> ? code * scale - value : std::fma(scale, code, -value);
-            loss += static_cast<float>(error * error / static_cast<T>(n));
-        }
-        if (std::isnan(best) || loss < bestLoss) {
-            best = ratio;
-            bestLoss = loss;
-        }
-    }
-    return std::isnan(best) ? param.startRatio : best;
-}
-
 /// The factors of the best ratio alone tell whether the search found it.
 template <typename T>
 void AgainstPlainSearch(std::vector<T> data, const IfmrParam& param) {
     IfmrParam alone = param;
-    alone.startRatio = alone.endRatio = PlainSearch(data, param);
+    MaxMinValue<T> range{};
+    const auto n = static_cast<unsigned int>(data.size());
+    EXPECT_EQ(STATUS_OK, KestCommon::FindMaxAndMinValueWithPercentile(data.data(), n, range, param.maxPercentile,
+                                                                      param.minPercentile));
+    alone.startRatio = alone.endRatio = bench::PlainBestRatio(data.data(), n, range, param);
     SCOPED_TRACE(testing::Message() << data.size() << " values, the ratio is " << alone.startRatio);
     const Factors expected = Calibrate(data, alone);
     ExpectFactors(expected.scale, expected.offset, Calibrate(data, param), expected.status);

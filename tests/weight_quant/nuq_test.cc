@@ -1,5 +1,6 @@
 #include <kest/weight_quant/nuq.h>
 
+#include <benchmarks/plain_kmeans.h>
 #include <tests/test_util.h>
 
 #include <algorithm>
@@ -83,56 +84,13 @@ TEST(Nuq, CodesAndWeights) {
 }
 
 template <typename T>
-void PlainKmeans(std::vector<T>& x, const std::vector<double>& w, std::vector<T>& c) {
-    const auto square = [](T a, T b) { return static_cast<T>(static_cast<double>(a - b) * (a - b)); };
-    const auto nearest = [&c](T v) {
-        const auto nearer = [v](T a, T b) { return std::fabs(v - a) < std::fabs(v - b); };
-        return std::min_element(c.begin(), c.end(), nearer) - c.begin();
-    };
-    const std::size_t n = x.size(), numCandidates = static_cast<std::size_t>(std::log(c.size())) + 2;
-    std::vector<T> candidate(numCandidates), left(n, FLT_MAX), previous = c;
-    c[0] = KestCommon::Median(x);
-    for (std::size_t k = 1; k < c.size(); ++k) {
-        T total = 0, least = FLT_MAX;
-        for (std::size_t i = 0; i < n; ++i) total += left[i] = std::min(left[i], square(x[i], c[k - 1]));
-        for (std::size_t t = 0; t < numCandidates; ++t) {
-            T reached = 0, potential = 0;
-            const T threshold = static_cast<T>(t + 1) * static_cast<T>(total / (numCandidates + 1.0));
-            for (std::size_t i = 0; i < n && reached <= threshold; ++i)
-                if ((reached += left[i]) > threshold) candidate[t] = x[i];
-            for (std::size_t i = 0; i < n; ++i)
-                potential = std::trunc(potential + std::min(left[i], square(x[i], candidate[t])));
-            if (potential < least) c[k] = candidate[t];
-            least = std::min(least, potential);
-        }
-    }
-    for (int step = 0; step < 200; ++step) {
-        T shift = 0;
-        for (std::size_t k = 0; k < c.size(); ++k) shift += std::fabs(c[k] - previous[k]);
-        if (shift < 1e-6) break;
-        previous = c;
-        std::vector<T> weight(c.size()), sum(c.size());
-        for (std::size_t i = 0; i < n; ++i) {
-            const auto k = nearest(x[i]);
-            weight[k] = static_cast<T>(weight[k] + w[i]);
-            sum[k] += static_cast<T>(x[i] * w[i]);
-        }
-        for (std::size_t k = 0; k < c.size(); ++k) c[k] = sum[k] / (weight[k] < FLT_EPSILON ? 1 : weight[k]);
-    }
-    for (T& center : c) center = std::round(center);
-    for (T& value : x) value = c[nearest(value)];
-}
-
-template <typename T>
 void AgainstPlain(unsigned int n, unsigned int numClusters, T spread) {
     SCOPED_TRACE(testing::Message() << n << " values, " << numClusters << " clusters");
-    std::vector<T> x = MixedValues<T>(n, n + numClusters, spread), plain = x;
-    std::vector<T> centers(numClusters), plainCenters(numClusters);
+    std::vector<T> x = MixedValues<T>(n, n + numClusters, spread), plain = x, centers(numClusters);
     std::vector<double> weights(n);
     for (unsigned int i = 0; i < n; ++i) weights[i] = (1 + i * 5 / n) / (3.0 * n);  // five channels
     KestCommon::Kmeans(x, numClusters, weights, centers);
-    PlainKmeans(plain, weights, plainCenters);
-    ExpectSameBits(plainCenters, centers);
+    ExpectSameBits(bench::PlainKmeans(plain, numClusters, weights), centers);
     ExpectSameBits(plain, x);
 }
 
