@@ -157,41 +157,4 @@ TEST(SearchN, BothFunctorsSearchOnTheLastBatch) {
     EXPECT_EQ(EMPTY_CONTAINER_ERROR, kSearchNV2(paramV2, counterV2, batchNum, inV2, qV2));
 }
 
-TEST(SearchN, FunctorsKnowTheRowsOfABatch) {
-    const struct {
-        const char* format;
-        std::vector<int> shape;
-        int run;  // adjacent values of a channel
-    } layouts[] = {{"NCHW", {9, 3, 5, 8}, 40}, {"NCDHW", {9, 3, 2, 5, 4}, 40}, {"NHWC", {9, 5, 8, 3}, 1}};
-    float scale[] = {0.3f, 1, 2};
-    for (const auto& layout : layouts) {
-        for (const int n : {40, 119, 1000, 1001, 1080}) {  // partial periods leave rows of unequal length
-            SCOPED_TRACE(testing::Message() << layout.format << ", " << n << " values");
-            std::vector<float> x = MixedValues<float>(n, n, 1e6f);
-            const Rows before{{7}, {8, 9}, {}};
-            Rows rows(3), all = before;
-            for (int i = 0; i < n; ++i) {
-                rows[i / layout.run % 3].push_back(x[i]);
-                all[i / layout.run % 3].push_back(x[i]);
-            }
-            KestTfOp::Param param{layout.shape, true, layout.format};
-            KestTfOp::SearchnInputParam<float> kept{before, n, x.data()};
-            KestTfOp::SearchnQuantParam<float> unused{};
-            int counter = 0, batchNum = 2;
-            EXPECT_EQ(STATUS_OK, kSearchN(param, counter, batchNum, kept, unused));
-            EXPECT_EQ(all, kept.channelData);
-            for (const bool perTensor : {false, true}) {
-                Rows expected(3, std::vector<float>(16));
-                KestCommon::SearchNV2AccumulateError(rows, expected, {3, scale}, perTensor);
-                KestTfOp::DataParam paramV2{layout.shape, true, layout.format, nullptr};
-                KestCommon::SearchnV2InputParam<float> input{{}, n, x.data()};
-                KestTfOp::SearchnV2QuantParam<float> quant{perTensor, nullptr, scale, 3};
-                counter = 0;
-                EXPECT_EQ(STATUS_OK, kSearchNV2(paramV2, counter, batchNum, input, quant));
-                EXPECT_EQ(expected, input.errorTable);
-            }
-        }
-    }
-}
-
 }  // namespace
