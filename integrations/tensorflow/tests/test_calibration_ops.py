@@ -1,4 +1,4 @@
-"""Calibration over batches, eager and in graphs that several threads run, against numpy."""
+"""What batches come to, eager and in graphs that several threads run: the bits of the Python package, none lost."""
 
 import functools
 import gc
@@ -10,7 +10,8 @@ import kest_tensorflow as kest
 import numpy as np
 import pytest
 import tensorflow as tf
-from graphs import both_ways
+from kest import hfmg, ifmr
+from kest.shift import Searcher
 
 Invalid = tf.errors.InvalidArgumentError
 
@@ -26,28 +27,21 @@ def of_batches(make, some):
     return factors_of(calibrator)
 
 
-@pytest.mark.parametrize("with_offset, start, end", [(True, 0.5, 1.0625), (False, 1.25, 1.5)])
-def test_ifmr(with_offset, start, end):
-    """The bounds are those of all batches, by their ranks 20 from the top and 10 from the bottom."""
-    x = np.random.default_rng(2).permutation(np.arange(-50.0, 150))
-    found = of_batches(lambda: kest.IfmrCalibrator(3, with_offset, start, end, 2**-4, 0.9, 0.95), np.split(x, 4))
-    expected = []
-    for high in 130 * np.arange(start, end + 0.01, 2**-4):
-        low, scale = (-41, (high + 41) / 7) if with_offset else (-high, high / 3)
-        q = np.clip(x, low, high) / scale
-        y = np.trunc(q + np.copysign(0.5, q)) * scale
-        expected.append((((x - y) ** 2).mean(), scale, np.rint(41 / scale) - 4 if with_offset else 0))
-    np.testing.assert_allclose(found, min(expected)[1:], rtol=1e-6)
-
-
-def test_hfmg():
-    """Values with no sparse tail keep about their whole range, which a narrower batch leaves as it is."""
-    spread = [np.linspace(low, high, 6400).reshape(64, 100) for low, high in [(-1, 2), (-2, 3), (-0.5, 1)]]
-    scale, offset = of_batches(lambda: kest.HfmgCalibrator(8, num_bins=64), spread)
-    np.testing.assert_allclose(scale, 5 / 255, rtol=0.02)
-    assert offset == np.rint(2 / scale) - 128
-    scale, offset = of_batches(lambda: kest.HfmgCalibrator(4, with_offset=False), [np.linspace(-4, 3, 100)])
-    assert offset == 0 and 0.4 < scale <= 0.5  # 8 codes below zero
+@pytest.mark.parametrize("operator, package", [
+    (kest.HfmgCalibrator, hfmg.Calibrator), (kest.IfmrCalibrator, ifmr.Calibrator),
+    (lambda: kest.HfmgCalibrator(4, False, 64), lambda: hfmg.Calibrator(4, with_offset=False, num_bins=64)),
+    (lambda: kest.IfmrCalibrator(3, False, 0.5, 0.8, 2**-4, 0.95, 0.9),
+     lambda: ifmr.Calibrator(3, with_offset=False, start_ratio=0.5, end_ratio=0.8, step=2**-4, max_percentile=0.95,
+                             min_percentile=0.9)),
+    (lambda: kest.IfmrCalibrator(8, True, 1.0, 1.0, 1.0, 0.9, 0.95),
+     lambda: ifmr.Calibrator(8, start_ratio=1, end_ratio=1, step=1, max_percentile=0.9, min_percentile=0.95))])
+def test_factors_of_the_package(operator, package):
+    """The second batch widens what is known, which the third leaves as it is."""
+    batches, calibrator = (np.float32([[1], [2], [0.5]]) * np.linspace(-1, 1.5, 400, dtype="f") ** 3), package()
+    for batch in batches:
+        calibrator.add(batch)
+    found = calibrator.factors()
+    assert of_batches(operator, batches) == [found.scale, found.offset]
 
 
 # To any value, if its range is cut where few bits serve best, or is that of a percentile.
@@ -89,16 +83,6 @@ def test_activation_arq():
             np.testing.assert_allclose(found, expected, rtol=1e-6)
 
 
-def test_percentile_bounds_and_fake_quantise():
-    for dtype in np.float32, np.float64:
-        x = np.random.default_rng(2).permutation(np.arange(-50, 150)).astype(dtype)
-        upper, lower = both_ways(lambda x: kest.percentile_bounds(x, 0.9, 1.0), x)
-        assert (upper, lower, upper.dtype) == (130, -50, dtype)
-    x = np.float32([[-9, -1.25, 0.75], [np.nan, 1.3, np.inf]])
-    got = both_ways(lambda x: kest.fake_quantise(x, 0.5, 1, 3), x)
-    np.testing.assert_array_equal(got, [[-2.5, -1.5, 1], [0, 1, 1]])  # codes from -4 to 3
-
-
 @pytest.mark.parametrize("make", [kest.ActivationArqCalibrator, kest.HfmgCalibrator, kest.IfmrCalibrator])
 def test_order_in_a_function(make):
     """A function sees the batch before it asks for the factors, and what it saw stays for the next call."""
@@ -114,6 +98,34 @@ def test_order_in_a_function(make):
         got = step(batch)
         assert [x.numpy() for x in got] == factors_of(expected)
         assert got[0].shape == got[1].shape == []
+
+
+@pytest.mark.parametrize("axis, per_tensor", [(1, False), (-1, True)])
+def test_shifts(axis, per_tensor):
+    """The second of the batches needs larger shifts than those before and after it."""
+    scale, searcher = np.float32([0.5, 2, 1, 0.25]), kest.ShiftSearcher(axis, per_tensor)
+    package = Searcher(scale, channel_axis=axis, per_tensor=per_tensor)
+
+    @tf.function
+    def step(x):
+        searcher.add(x, scale)
+        return searcher.shift_bits()
+
+    for size in 2**16, 2**20, 2**14:
+        x = np.random.default_rng(size).normal(0, size, (4, 4, 4)).astype("f")
+        package.feed(x)
+        np.testing.assert_array_equal(step(x), package.shift_bits())
+
+
+@pytest.mark.parametrize("num_large, shift", [(100, 1), (101, 2)])
+def test_shifts_of_threads_of_functions(num_large, shift):
+    """A batch lost among the threads tips the balance: 65536 is clipped by a shift of 1, and 2 is cut by one of 2."""
+    searcher = kest.ShiftSearcher()
+    see = tf.function(lambda x: searcher.add(x, [1.0]))
+    small, large = np.full((100, 1), 2, np.float32), np.full((100, 1), 65536, np.float32)
+    with ThreadPoolExecutor(8) as pool:
+        list(pool.map(see, [small, large] * 100 + [large] * (num_large - 100)))
+    np.testing.assert_array_equal(searcher.shift_bits(), [shift])
 
 
 def test_lifetime():

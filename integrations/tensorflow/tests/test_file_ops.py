@@ -1,8 +1,9 @@
-"""Record updates, eager and in functions that several threads run, against the text of the file."""
+"""Record updates and dumps, eager and in functions, which for records several threads run, against the files."""
 
 from concurrent.futures import ThreadPoolExecutor
 
 import kest_tensorflow as kest
+import numpy as np
 import pytest
 import tensorflow as tf
 
@@ -43,3 +44,12 @@ def test_threads(record_file):
         list(pool.map(lambda function: function(), functions))
     found = fields(record_file)
     assert {f'key: "layer{i}"' for i in range(16)} | {f"offset_d: {i}" for i in range(16)} <= set(found)
+
+
+@pytest.mark.parametrize("code, dtype", enumerate([np.float32, np.float64, np.int32, np.float16]))
+def test_dump(tmp_path, code, dtype):
+    x = np.array([[-9, 0, 2.5], [1, 7, 3]], dtype)
+    kest.dump(x, tmp_path, "eager", 7)
+    tf.function(lambda x: kest.dump(x, tmp_path, "graph"))(x)
+    for file in "eager_batch7.bin", "graph_batch0.bin":
+        assert (tmp_path / file).read_bytes() == np.float32([code, 2, 3]).tobytes() + x.tobytes()
