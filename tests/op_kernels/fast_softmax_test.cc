@@ -23,6 +23,7 @@ TEST(FastSoftmax, WorkedRows) {
     ExpectSameBits({-4, 1, 4}, Softmax<float>({1, 2, 3}, Param(3, 3)));  // 1 - 2 + 2 - 2 = -1, 1 - 1 + 1/2 - 1/4 = 1/4
     ExpectSameBits({0, 0.2f, 0.8f, third / 2, 2 * third, third / 2},     // at the cut-off; 1/4, 1, 1/4 by 3/2
                    Softmax<float>({1, 2, 3, 7, 8, 7}, Param(6, 3, -2)));
+    ExpectSameBits({third, third, third, 0.5, 0, 0.5}, Softmax<float>({-5, -5, -5, 9, -kInf, 9}, Param(6, 3)));
     std::vector<float> out = Softmax<float>({1, kNan, 1, 1, kInf, 2, -kInf, -kInf, -kInf, 7, 7, 7}, Param(12, 3));
     for (int i = 0; i < 9; ++i) EXPECT_TRUE(std::isnan(out[i])) << i;  // inf - inf; 0 / 0
     EXPECT_EQ(third, out[11]);
