@@ -11,26 +11,18 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 
-inline std::uint32_t Bits(float x) {
-    std::uint32_t bits;
+/// The bits of a floating-point number; an integer as it is.
+template <typename T>
+auto Bits(T x) {
+    std::conditional_t<std::is_integral_v<T>, T, std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>> bits;
     std::memcpy(&bits, &x, sizeof bits);
     return bits;
-}
-inline std::uint64_t Bits(double x) {
-    std::uint64_t bits;
-    std::memcpy(&bits, &x, sizeof bits);
-    return bits;
-}
-inline int Bits(int x) {
-    return x;
-}
-inline char Bits(char x) {
-    return x;
 }
 
 /// Bit equality; the first difference is printed.
@@ -62,20 +54,9 @@ std::vector<T> MixedValues(std::size_t n, unsigned int seed, T spread = 1) {
     std::vector<T> values(n);
     for (T& value : values) {
         const double x = normal(random);
-        switch (random() % 8) {
-            case 0:
-                value = 0;
-                break;
-            case 1:
-                value = static_cast<T>(std::round(x * 16) / 32) * spread;
-                break;
-            case 2:
-                value = static_cast<T>(std::ldexp(x, -static_cast<int>(random() % 140))) * spread;
-                break;
-            default:
-                value = static_cast<T>(x) * spread;
-        }
-        if (random() % 16 == 0) value = -value;
+        const double kinds[] = {0, -0.0, std::round(x * 16) / 32, std::ldexp(x, -static_cast<int>(random() % 140))};
+        const unsigned int kind = random() % 12;
+        value = static_cast<T>(kind < 4 ? kinds[kind] : x) * spread;
     }
     return values;
 }

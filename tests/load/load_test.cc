@@ -10,7 +10,6 @@
 #include <kest/weight_quant/ulq.h>
 #include <omp.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <tests/record/record_test_util.h>
 #include <unistd.h>
 
@@ -154,14 +153,11 @@ protected:
     /// How a child process ends that calls `body`: its status, or 128 and its signal. One that hangs is killed.
     template <typename Body>
     int InChild(Body body) const {
-        const pid_t child = fork();
-        if (child == 0) {
+        const int status = End(Start([&] {
             alarm(60);
             omp_set_num_threads(1);
             _exit(body());
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
+        }));
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 

@@ -18,25 +18,18 @@ std::vector<T> Softmax(const std::vector<T>& in, SoftmaxParam param) {
     return out;
 }
 
-template <typename T>
-void SoftmaxRows() {
-    const T inf = kInf, third = T{1} / 3;
-    ExpectSameBits<T>({-4, 1, 4}, Softmax<T>({1, 2, 3}, Param(3, 3)));  // 1 - 2 + 2 - 2 = -1, 1 - 1 + 1/2 - 1/4 = 1/4
-    ExpectSameBits<T>({0, T(0.2), T(0.8), third / 2, 2 * third, third / 2},  // at the cut-off; 1/4, 1, 1/4 by 3/2
-                      Softmax<T>({1, 2, 3, 7, 8, 7}, Param(6, 3, -2)));
-    ExpectSameBits<T>({third, third, third, 0.5, 0, 0.5}, Softmax<T>({-5, -5, -5, 9, -inf, 9}, Param(6, 3)));
-    ExpectSameBits(std::vector<T>(40000, T{1} / 40000), Softmax(std::vector<T>(40000, 5), Param(40000, 40000)));
-    std::vector<T> out = Softmax<T>({1, kNan, 1, 1, inf, 2, -inf, -inf, -inf, 7, 7, 7}, Param(12, 3));
+TEST(FastSoftmax, WorkedRows) {
+    const float third = 1 / 3.0f;
+    ExpectSameBits({-4, 1, 4}, Softmax<float>({1, 2, 3}, Param(3, 3)));  // 1 - 2 + 2 - 2 = -1, 1 - 1 + 1/2 - 1/4 = 1/4
+    ExpectSameBits({0, 0.2f, 0.8f, third / 2, 2 * third, third / 2},     // at the cut-off; 1/4, 1, 1/4 by 3/2
+                   Softmax<float>({1, 2, 3, 7, 8, 7}, Param(6, 3, -2)));
+    ExpectSameBits({third, third, third, 0.5, 0, 0.5}, Softmax<float>({-5, -5, -5, 9, -kInf, 9}, Param(6, 3)));
+    std::vector<float> out = Softmax<float>({1, kNan, 1, 1, kInf, 2, -kInf, -kInf, -kInf, 7, 7, 7}, Param(12, 3));
     for (int i = 0; i < 9; ++i) EXPECT_TRUE(std::isnan(out[i])) << i;  // inf - inf; 0 / 0
     EXPECT_EQ(third, out[11]);
-    ExpectSameBits<T>({T(0.2), T(0.8), -77}, Softmax<T>({1, 2, 3}, Param(3, 2)));
-    for (const int rowLength : {0, -3}) ExpectSameBits<T>({-77, -77, -77}, Softmax<T>({1, 2, 3}, Param(3, rowLength)));
-    ExpectSameBits<T>({-77, -77}, Softmax<T>({1, 2}, {0.5f, 0.25f, -3, 2, 2, {2, 2}}));
-}
-
-TEST(FastSoftmax, WorkedRows) {
-    SoftmaxRows<float>();
-    SoftmaxRows<double>();
+    ExpectSameBits({0.2f, 0.8f, -77}, Softmax<float>({1, 2, 3}, Param(3, 2)));
+    for (const int rowLength : {0, -3}) ExpectSameBits({-77, -77, -77}, Softmax<float>({1, 2, 3}, Param(3, rowLength)));
+    ExpectSameBits({-77, -77}, Softmax<float>({1, 2}, {0.5f, 0.25f, -3, 2, 2, {2, 2}}));
     // Maxima start from the lowest float: every difference is cut off, and the row sums to 0.
     for (const double value : Softmax<double>({-1e300, -1e300}, Param(2, 2))) EXPECT_TRUE(std::isnan(value));
 }
@@ -71,15 +64,13 @@ TEST(FastSoftmax, Steps) {
 }
 
 TEST(FastSoftmax, FirstZeroAndNoNanIsTheMaximum) {
-    for (const int first : {1, 15, 16, 33, 39}) {
-        std::vector<float> x(40, -1), rowMax{-FLT_MAX};
-        x[0] = x[17] = x[38] = kNan;
-        x[39] = 0;
-        x[first] = -0.0f;
-        SoftmaxParam param = Param(40, 40);
-        KestTfOp::FindMaxAlongAxis<float>(x.data(), rowMax, param);
-        ExpectSameBits({-0.0f}, rowMax);
-    }
+    std::vector<float> x(40, -1), rowMax{-FLT_MAX};
+    x[0] = x[17] = kNan;
+    x[20] = -0.0f;
+    x[39] = 0;
+    SoftmaxParam param = Param(40, 40);
+    KestTfOp::FindMaxAlongAxis<float>(x.data(), rowMax, param);
+    ExpectSameBits({-0.0f}, rowMax);
 }
 
 }  // namespace

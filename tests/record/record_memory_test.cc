@@ -29,7 +29,6 @@ TEST(RecordMemory, IsAMultipleOfTheText) {
         {"value blocks", "record{" + Times(kMany, "value{}") + "}", STATUS_OK, 8},
         {"a long key", "record{key:" + Times(kMany, "name/") + " }", STATUS_OK, 8},
         {"a long number", "record{value{scale_w:" + Times(kMany, "1") + " }}", STATUS_OK, 8},
-        {"a long integer", "record{value{cluster:" + Times(kMany, "1") + " }}", STATUS_OK, 8},
         {"a long name", "record{" + Times(kMany, "value") + "{}}", RECORD_UNKNOWN_FIELD, 8},
         {"nested raw text", "prune_record" + Times(kDeep, "{") + Times(kDeep, "}"), STATUS_OK, 8},
         {"nested records", Times(kDeep, "record{") + Times(kDeep, "}"), RECORD_UNKNOWN_FIELD, 8},

