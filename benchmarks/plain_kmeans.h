@@ -22,10 +22,11 @@ double SquaredDistance(T x, T y) {
 
 template <typename T>
 T PlainMedian(std::vector<T> values) {
+    const auto less = [](T a, T b) { return a < b || (a == b && std::signbit(a) > std::signbit(b)); };
     const auto middle = values.begin() + values.size() / 2;
-    std::nth_element(values.begin(), middle, values.end());
+    std::nth_element(values.begin(), middle, values.end(), less);
     if (values.size() % 2 == 1) return *middle;
-    return (*std::max_element(values.begin(), middle) + *middle) * static_cast<T>(0.5);
+    return (*std::max_element(values.begin(), middle, less) + *middle) * static_cast<T>(0.5);
 }
 
 /// The sum of the distances in 32 bits: truncated after each step, saturated.

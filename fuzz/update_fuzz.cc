@@ -39,6 +39,11 @@ struct Update {
     std::vector<int> ints;
 };
 
+/// A record without a key is of no layer, one with `key: ""` of the layer with the empty name.
+bool IsOf(const std::string& layer, const kest_tf::RecordData& record) {
+    return record.children.front().second->HasValue() && KeyOf(record) == layer;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -62,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
         Require(Parse(after, now) == STATUS_OK, "an update leaves a file that can be parsed");
         std::size_t updated = 0;
-        while (updated < old.records.size() && (name.empty() || KeyOf(*old.records[updated]) != name)) ++updated;
+        while (updated < old.records.size() && !IsOf(name, *old.records[updated])) ++updated;
         const std::size_t isNew = updated == old.records.size() ? 1 : 0;
         Require(now.records.size() == old.records.size() + isNew, "only an unknown layer gets a record");
         Require(KeyOf(*now.records[updated]) == name, "the layer keeps its name");

@@ -86,7 +86,7 @@ KEST_EXPORT void Kmeans(std::vector<T>& values, unsigned int k, std::vector<doub
 template <typename T>
 KEST_EXPORT void KmeansInit(std::vector<T>& values, std::vector<T>& centers);
 
-/// The middle value, the mean of the two middle ones for an even count; 0 without values.
+/// The middle value, the mean of the two middle ones for an even count; 0 without values. -0 comes before 0.
 template <typename T>
 KEST_EXPORT T Median(std::vector<T> values);
 
