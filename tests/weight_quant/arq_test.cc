@@ -191,6 +191,17 @@ TEST(Arq, ChannelsFirstAndLast) {
     ExpectSameBits(first.scale, last.scale);
     KestCommon::ArqClipAndQuantKhKwCiCo<double>(last.data.data(), last.data.data(), 7, 8, last.Scale(), last.Offset());
     ExpectSameBits({-1, 8, 0, 38 * 0.0078125, -256, 0, 127 * 0.0078125}, last.data);
+    Tensor<float> many({}, 5000);  // worth several threads; a part may begin within a row
+    constexpr unsigned int kMany = 177501;
+    for (unsigned int i = 0; i < kMany; ++i) many.data.push_back(-1 - static_cast<float>(i % 5000));
+    many.data.resize(kMany + 5000, -kInf);  // not of the tensor
+    const std::vector<float> values = many.data;
+    float* const data = many.data.data();
+    EXPECT_EQ(STATUS_OK, KestCommon::WtsArqCalibrationCpuKernel<float>(data, kMany, {8, true, kSymmetric}, many.Scale(),
+                                                                       many.Offset(), util::KH_KW_CI_CO));
+    for (unsigned int c = 0; c < 5000; ++c) ASSERT_EQ(static_cast<float>(1 + c) / 128, many.scale[c]);
+    KestCommon::ArqClipAndQuantKhKwCiCo<float>(data, data, kMany, 8, many.Scale(), many.Offset());
+    ExpectSameBits(values, many.data);
 }
 
 TEST(Arq, GivenFactorsOfAnyKind) {
