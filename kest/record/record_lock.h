@@ -29,7 +29,8 @@ namespace KestTfOp {
 ///     if (status == STATUS_OK) status = kest_tf::WriteToRecordFile(root, file);
 ///
 /// Waits for as long as it takes; may throw std::bad_alloc before. An update, a direct write by path or a second lock
-/// in the scope would wait for ever.
+/// in the scope would wait for ever. A child forked in the scope must not leave it, but exec or _exit there: leaving
+/// releases the directory for the parent too.
 class KEST_EXPORT RecordLock {
 public:
     explicit RecordLock(const std::string& recordFile);  ///< `recordFile` is the path that is read and written
