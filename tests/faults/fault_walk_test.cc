@@ -197,7 +197,7 @@ private:
         } else {
             if (Content() != old_) WriteText(file_, old_);
             isRoot_ = chown(file_.c_str(), 1234, 2345) == 0;
-            chmod(file_.c_str(), 0640);
+            chmod(file_.c_str(), 01640);
         }
         const int fd = open(link_.c_str(), O_RDWR);
         const std::size_t bytesBefore = liveBytes;
@@ -207,6 +207,7 @@ private:
         {
             Arguments arguments{link_, "conv1", kField, fd, kOld};
             faults[0] = fault;
+            isUnsynced = false;
             try {
                 status = operation_->run(arguments);
             } catch (const std::bad_alloc&) {
@@ -257,6 +258,7 @@ private:
             } else if (!isAvoided && fault.before >= call.vital) {
                 EXPECT_FALSE(isDone);
             }
+            EXPECT_FALSE(isDone && isUnsynced && operation_->kind != Kind::kEditsInPlace);
             ExpectWhole(isDone ? edited_ : old_, call.name);
             EXPECT_EQ(usual_, Step({})) << "the next one";
         }
@@ -268,7 +270,7 @@ private:
         struct stat status = {};
         const bool exists = stat(file_.c_str(), &status) == 0;
         EXPECT_TRUE(old_ == kNone ||
-                    ((status.st_mode & 07777) == 0640 && (!isRoot_ || status.st_uid == 1234 || call == "fchown")));
+                    ((status.st_mode & 07777) == 01640 && (!isRoot_ || status.st_uid == 1234 || call == "fchown")));
         for (const auto& entry : std::filesystem::directory_iterator(directory_.Path())) {
             if (call == "unlinkat" && entry.path().extension() == ".tmp") std::filesystem::remove(entry);
         }

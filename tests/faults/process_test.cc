@@ -35,10 +35,13 @@ TEST(Processes, LoseNoChange) {
             layer, "    offset_d: 9\n    shift_bit: 9\n" + Lines("cluster", 7, kRounds) + "    dst_type: \"x\"\n");
     }
     WriteText(file, old);
+    sem_t& semaphore = KestTfOp::Initializer::GetInstance().semaphore;
     const auto change = [&](const std::string& layer) {
         for (int round = 0; round < kRounds; ++round) {
             EXPECT_EQ(STATUS_OK, KestTfOp::WriteShiftNToRecordFile(&round, 1, layer, file));
+            if (round % 2 == 0) sem_wait(&semaphore);  // as one does who keeps direct writes and updates apart
             EXPECT_EQ(STATUS_OK, util::RecordRepeatData<int>(file, layer, {7}, "cluster"));
+            if (round % 2 == 0) sem_post(&semaphore);
             Root root;
             const KestTfOp::RecordLock lock(file);
             EXPECT_EQ(STATUS_OK, kest_tf::ParseRecordFile(file, root));
@@ -47,6 +50,9 @@ TEST(Processes, LoseNoChange) {
             EXPECT_EQ(STATUS_OK, kest_tf::WriteToRecordFile(root, file));
         }
     };
+    auto lock = std::make_unique<KestTfOp::RecordLock>(file);
+    const pid_t idle = Start([] { pause(); });  // has the lock's descriptor, and must not keep the lock
+    lock.reset();
     std::vector<pid_t> children;
     for (int p = 0; p < kNumProcesses; ++p) {
         children.push_back(Start([&] {
@@ -58,6 +64,8 @@ TEST(Processes, LoseNoChange) {
         }));
     }
     for (const pid_t child : children) EXPECT_EQ(0, End(child));
+    kill(idle, SIGKILL);
+    End(idle);
     Root root;
     EXPECT_EQ(STATUS_OK, kest_tf::ParseRecordFile(file, root));
     EXPECT_EQ(changed, root.Dump());
@@ -110,7 +118,6 @@ TEST(Processes, KilledAtAnyMomentLeaveTheFileWhole) {
     MakeChange(++numChanges, file);
     EXPECT_EQ(TextAfter(numChanges), ReadText(file));
     std::printf("%d kills, %d changes, %d temporary files left\n", numKills, numChanges.load(), numTemporaries);
-    munmap(shared, sizeof(int));
 }
 
 }  // namespace

@@ -18,12 +18,10 @@
 
 /// \file
 /// To be included by one file of a program.
-///
 /// The calls of the C library and the operator new of a program and of its libraries, which fail when told to.
 ///
 /// Calls go by the names of the C library, but for "create", an openat that makes a file, "close written", which closes
-/// one that is open for writing only, and "new", any allocation.
-/// fsync does nothing else.
+/// one that is open for writing only, and "new", any allocation. fsync does nothing else.
 
 /// Not an errno: the call succeeds and moves half of what it is asked to.
 constexpr int kShort = -1;
@@ -42,6 +40,7 @@ Fault faults[4] = {};
 
 /// Bytes of the heap that are in use, its own included, and the most that were.
 std::atomic<std::size_t> liveBytes{0}, peakBytes{0};
+bool isUnsynced = false;  // something was written after the last fsync
 
 namespace {
 
@@ -75,6 +74,7 @@ bool Fails(const char* call) {
     ssize_t name(int fd, data bytes, size_t size) {                                     \
         NEXT(name);                                                                     \
         const int outcome = Outcome(#name);                                             \
+        isUnsynced |= std::strcmp(#name, "write") == 0;                                 \
         return outcome > 0 ? -1 : next(fd, bytes, outcome < 0 ? (size + 1) / 2 : size); \
     }
 
@@ -104,7 +104,7 @@ int close(int fd) {
 }
 
 int fsync(int) {
-    return Fails("fsync") ? -1 : 0;
+    return Fails("fsync") ? -1 : (isUnsynced = false);
 }
 
 int openat(int directory, const char* name, int flags, ...) {
@@ -113,6 +113,7 @@ int openat(int directory, const char* name, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = va_arg(arguments, mode_t);
     va_end(arguments);
+    if ((flags & O_CLOEXEC) == 0) std::abort();  // an exec would keep it, and a lock with it
     return Fails((flags & O_CREAT) != 0 ? "create" : "openat") ? -1 : next(directory, name, flags, mode);
 }
 

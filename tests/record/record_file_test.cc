@@ -4,7 +4,7 @@
 
 namespace {
 
-const std::string kOld = Record("conv1", "    offset_d: 1\n");
+const std::string kOld = Record("conv1", "    offset_d: 1\n") + std::string(1 << 20, ' ');  // longer than a device's
 const std::string kNew = Record("conv1", "    scale_d: 0.5\n    offset_d: -1\n");
 
 int Update(const std::string& file) {
