@@ -64,7 +64,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 "an update fails as the parser does, or for what could not be read back");
         Require(status == STATUS_OK || after == before, "a failed update leaves the file alone");
         if (status != STATUS_OK) continue;
-
         Require(Parse(after, now) == STATUS_OK, "an update leaves a file that can be parsed");
         std::size_t updated = 0;
         while (updated < old.records.size() && !IsOf(name, *old.records[updated])) ++updated;
