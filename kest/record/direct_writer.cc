@@ -228,12 +228,13 @@ int EditFileAt(const Writer& writer, const std::string& recordFile, const char* 
         return Fail(writer.function, line, status, message);
     };
     constexpr std::size_t kMaxPath = 4096;
-    char path[kMaxPath + 1] = {};
-    if (recordFile.size() > kMaxPath || realpath(recordFile.c_str(), path) == nullptr)
+    const kest_tf::DirectoryLock lock(recordFile.c_str());
+    if (recordFile.size() > kMaxPath || lock.Status() == RECORD_PATH_ERROR)
         return fail(__LINE__, STATUS_FILE_ERROR, "Invalid record file path.\n");
-    const kest_tf::DirectoryLock lock(path);
+    const char* const path = lock.Path();
     kest_tf::File file(AT_FDCWD, path, O_RDWR);
-    if (!file.IsOpen()) return fail(__LINE__, STATUS_FILE_ERROR, "Failed to open file.\n");
+    if (lock.Status() != STATUS_OK || !file.IsOpen())
+        return fail(__LINE__, STATUS_FILE_ERROR, "Failed to open file.\n");
     struct stat status;
     if (fstat(file.Get(), &status) != 0) return fail(__LINE__, STATUS_FILE_ERROR, "Failed to stat file.\n");
     const auto size = static_cast<std::size_t>(status.st_size);

@@ -34,4 +34,8 @@ struct RecordLock::Held {
 RecordLock::RecordLock(const std::string& recordFile) : held_(new Held(recordFile)) {}
 RecordLock::~RecordLock() = default;
 
+int RecordLock::Status() const {
+    return held_->directory.Status();
+}
+
 }  // namespace KestTfOp

@@ -57,6 +57,7 @@ template <typename Change>
 int UpdateRecord(const std::string& layerName, const std::string& recordFile, Change change) {
     kest_tf::InnerData root("InnerScaleOffsetRecord", kest_tf::FIELD_MESSAGE, 0);
     const RecordLock lock(recordFile);  // goes before the tree does
+    if (lock.Status() != STATUS_OK) return lock.Status();
     const int status = kest_tf::ParseRecordFile(recordFile, root);
     if (status != STATUS_OK) return status;
 

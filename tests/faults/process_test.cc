@@ -2,6 +2,7 @@
 #include <kest/kernel_frame/log_sink.h>
 #include <kest/record/direct_writer.h>
 #include <kest/record/record_lock.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <tests/record/record_test_util.h>
 
@@ -51,6 +52,10 @@ TEST(Processes, LoseNoChange) {
         }
     };
     auto lock = std::make_unique<KestTfOp::RecordLock>(file);
+    End(Start([&] { lock.reset(); }));  // leaves the scope, and must not release it for its parent
+    const int other = open(directory.Path().c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(-1, flock(other, LOCK_EX | LOCK_NB));
+    close(other);
     const pid_t idle = Start([] { pause(); });  // has the lock's descriptor, and must not keep the lock
     lock.reset();
     std::vector<pid_t> children;

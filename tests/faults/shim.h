@@ -107,6 +107,17 @@ int fsync(int) {
     return Fails("fsync") ? -1 : (isUnsynced = false);
 }
 
+// What a library calls that is built with _FORTIFY_SOURCE.
+ssize_t __read_chk(int fd, void* bytes, size_t size, size_t) {
+    return read(fd, bytes, size);
+}
+ssize_t __readlink_chk(const char* path, char* link, size_t size, size_t) {
+    return readlink(path, link, size);
+}
+char* __realpath_chk(const char* path, char* resolved, size_t) {
+    return realpath(path, resolved);
+}
+
 int openat(int directory, const char* name, int flags, ...) {
     NEXT(openat);
     va_list arguments;

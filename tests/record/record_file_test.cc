@@ -83,6 +83,12 @@ TEST(RecordFile, OddPaths) {
         EXPECT_EQ(status, kest_tf::ParseRecordFile(path, parsed)) << path;
     }
     EXPECT_EQ(1, directory.NumFiles());
+    const std::string sparse = "/dev/shm/kest-sparse-" + std::to_string(getpid());  // larger than disks allow
+    WriteText(sparse, "");
+    if (truncate(sparse.c_str(), std::int64_t{5} << 60) == 0) {
+        EXPECT_EQ(RECORD_OPEN_ERROR, kest_tf::ParseRecordFile(sparse, parsed));
+    }
+    unlink(sparse.c_str());
     const std::string pipe = directory / "pipe";
     ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
     const int reader = open(pipe.c_str(), O_RDWR);

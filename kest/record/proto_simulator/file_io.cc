@@ -30,25 +30,26 @@ bool File::Close() {
     return close(std::exchange(fd_, -1)) == 0 || errno == EINTR;
 }
 
-namespace {
-
-/// The directory of the file that `path` leads to; not open if there is none. It must be readable to be locked.
-File OpenDirectoryOf(const char* path) {
-    char resolved[PATH_MAX];
-    if (realpath(path, resolved) == nullptr) return File(AT_FDCWD, "", O_RDONLY);
-    std::strrchr(resolved, '/')[1] = '\0';
-    return File(AT_FDCWD, resolved, O_RDONLY | O_DIRECTORY);
-}
-
-}  // namespace
-
-DirectoryLock::DirectoryLock(const char* path) : directory_(OpenDirectoryOf(path)) {
-    while (directory_.IsOpen() && flock(directory_.Get(), LOCK_EX) != 0 && errno == EINTR) {
+DirectoryLock::DirectoryLock(const char* path) : process_(getpid()) {
+    if (realpath(path, path_) == nullptr) {
+        status_ = RECORD_PATH_ERROR;
+        return;
+    }
+    char& nameBegin = std::strrchr(path_, '/')[1];
+    const char first = std::exchange(nameBegin, '\0');
+    directory_.emplace(AT_FDCWD, path_, O_RDONLY | O_DIRECTORY);  // to be locked, it must be readable
+    nameBegin = first;
+    if (!directory_->IsOpen()) {
+        if (errno != EACCES) status_ = RECORD_OPEN_ERROR;
+        return;
+    }
+    while (flock(directory_->Get(), LOCK_EX) != 0 && errno == EINTR) {
     }
 }
 
 DirectoryLock::~DirectoryLock() {
-    if (directory_.IsOpen()) flock(directory_.Get(), LOCK_UN);  // a child forked meanwhile may keep the descriptor
+    // A child forked meanwhile may keep the descriptor, and leave this scope too.
+    if (directory_.has_value() && directory_->IsOpen() && getpid() == process_) flock(directory_->Get(), LOCK_UN);
 }
 
 bool WriteAll(int fd, std::string_view bytes) {
@@ -75,6 +76,7 @@ bool ReadAll(int fd, std::string& text) {
     constexpr size_t kDeviceLimit = 1 << 20;  // some devices never end
     struct stat status;
     if (fstat(fd, &status) != 0) return false;
+    if (static_cast<size_t>(status.st_size) >= text.max_size()) return false;  // a sparse one
     // One byte more than the file has, so that its end shows without a larger buffer.
     text.resize(S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) + 1 : kFirstRead);
     size_t length = 0;

@@ -3,7 +3,9 @@
 
 #include <sys/types.h>
 
+#include <climits>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -39,8 +41,16 @@ public:
     DirectoryLock& operator=(const DirectoryLock&) = delete;
     ~DirectoryLock();
 
+    /// As RecordLock::Status.
+    int Status() const { return status_; }
+    /// The path without links, unless the status is RECORD_PATH_ERROR.
+    const char* Path() const { return path_; }
+
 private:
-    const File directory_;
+    char path_[PATH_MAX];
+    std::optional<File> directory_;
+    int status_ = 0;
+    const pid_t process_;
 };
 
 /// False if not all bytes can be written.

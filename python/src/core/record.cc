@@ -96,7 +96,8 @@ void Rewrite(const nb::bytes& path) {
     const std::string file = Text(path);
     Run({"record.rewrite", file}, [&] {
         const KestTfOp::RecordLock lock(file);
-        const int status = kest_tf::ParseRecordFile(file, root);
+        int status = lock.Status();
+        if (status == STATUS_OK) status = kest_tf::ParseRecordFile(file, root);
         return status == STATUS_OK ? kest_tf::WriteToRecordFile(root, file) : status;
     });
 }
