@@ -24,7 +24,8 @@ float PlainBestRatio(const T* x, std::size_t n, KestCommon::MaxMinValue<T> range
     const auto numRatios = static_cast<int>((param.endRatio - param.startRatio) / param.step + 1.0f);
     std::vector<T> terms(n);
     float bestRatio = param.startRatio;
-    float bestLoss = std::numeric_limits<float>::quiet_NaN();  // no loss yet
+    float bestLoss = 0;
+    bool isFirst = true;
     for (int k = 0; k < numRatios; ++k) {
         const float ratio = std::fma(static_cast<float>(k), param.step, param.startRatio);
         const T above = param.withOffset ? ratio * range.maxValue : static_cast<T>(ratio * bound);
@@ -40,10 +41,11 @@ float PlainBestRatio(const T* x, std::size_t n, KestCommon::MaxMinValue<T> range
         }
         float loss = 0;
         for (const T term : terms) loss += static_cast<float>(term);
-        if (!(loss >= bestLoss)) {
+        if (isFirst || loss < bestLoss) {
             bestLoss = loss;
             bestRatio = ratio;
         }
+        isFirst = false;
     }
     return bestRatio;
 }

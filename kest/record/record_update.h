@@ -17,15 +17,16 @@
 /// empty. Lists are replaced whole: a length of 0 or less leaves none. Arrays are borrowed and must have the stated
 /// lengths; nothing is checked. A text that could not be read back fails the update: a layer name or dstType with white
 /// space or an odd number of double quotes, and what the parser accepts in other layers but the writer cannot put into
-/// canonical form (`key { a b }`). An empty layer name matches nothing and appends a record each time. Infinite and NaN
-/// values are stored as inf and nan, which read back as 0.
+/// canonical form (`key { a b }`). An empty layer name appends a record without a key, which no update finds again; it
+/// matches `key: ""` alone, and that key is not written back. Infinite and NaN values are stored as inf and nan, which
+/// read back as 0.
 ///
 /// Updates may be called from any thread. They exclude each other and the direct writer, in this process and in others,
 /// and wait for each other as long as it takes; record_lock.h tells where they cannot.
 ///
-/// STATUS_OK; RECORD_PATH_ERROR (no such file), RECORD_OPEN_ERROR (it cannot be read or written), RECORD_UNKNOWN_FIELD
-/// and RECORD_DATA_ERROR (it holds what the parser rejects, or would hold it then; or an allocation failed). The file
-/// is unchanged after each of them, and after a std::bad_alloc. Nothing is printed.
+/// STATUS_OK; RECORD_PATH_ERROR (no such file), RECORD_OPEN_ERROR (it cannot be read, locked or written),
+/// RECORD_UNKNOWN_FIELD and RECORD_DATA_ERROR (it holds what the parser rejects, or would hold it then; or an
+/// allocation failed). The file is unchanged after each of them, and after a std::bad_alloc. Nothing is printed.
 
 namespace KestTfOp {
 
